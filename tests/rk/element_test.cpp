@@ -1,0 +1,246 @@
+// Element trees of the client library: building, querying, iterating, writing as XML text,
+// and result elements.
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <algorithm>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "rk.h"
+
+namespace {
+
+struct ElemDeleter {
+    void operator()(rk_elem_t* e) const { rk_elem_free(e); }
+};
+using ElemPtr = std::unique_ptr<rk_elem_t, ElemDeleter>;
+
+std::string Sprintf(rk_elem_t* elem) {
+    char* text = rk_elem_sprintf(elem);
+    std::string out = text == nullptr ? "(null)" : text;
+    free(text);
+    return out;
+}
+
+std::vector<std::string> ChildNames(rk_elem_t* elem) {
+    std::vector<std::string> names;
+    rk_iterator_t it = rk_child_iterator(elem);
+    for (rk_elem_t* child = rk_iterator_next(&it); child != nullptr;
+         child = rk_iterator_next(&it)) {
+        names.push_back(rk_elem_get_name(child));
+    }
+    return names;
+}
+
+TEST(RkElement, NewElementHasNameAndEmptyContent) {
+    ElemPtr e(rk_elem_new("volume-get"));
+    ASSERT_NE(e, nullptr);
+    EXPECT_STREQ(rk_elem_get_name(e.get()), "volume-get");
+    EXPECT_STREQ(rk_elem_get_content(e.get()), "");
+    EXPECT_EQ(rk_elem_child_count(e.get()), 0u);
+}
+
+TEST(RkElement, RefusesInvalidNames) {
+    EXPECT_EQ(rk_elem_new(nullptr), nullptr);
+    EXPECT_EQ(rk_elem_new(""), nullptr);
+    EXPECT_EQ(rk_elem_new("1abc"), nullptr);
+    EXPECT_EQ(rk_elem_new("a b"), nullptr);
+    EXPECT_EQ(rk_elem_new("a<b"), nullptr);
+    ElemPtr parent(rk_elem_new("p"));
+    EXPECT_EQ(rk_child_add_string(parent.get(), "bad name", "v"), nullptr);
+    EXPECT_EQ(rk_elem_child_count(parent.get()), 0u);
+}
+
+TEST(RkElement, ChildrenKeepOrderAndAreFoundByName) {
+    ElemPtr root(rk_elem_new("root"));
+    ASSERT_NE(rk_child_add_string(root.get(), "a", "1"), nullptr);
+    ASSERT_NE(rk_child_add_bool(root.get(), "b", 1), nullptr);
+    ASSERT_NE(rk_child_add_string(root.get(), "a", "2"), nullptr);
+    rk_elem_t* nested = rk_elem_new("c");
+    ASSERT_EQ(rk_child_add(root.get(), nested), nested);
+    EXPECT_EQ(rk_elem_parent(nested), root.get());
+
+    EXPECT_EQ(ChildNames(root.get()), (std::vector<std::string>{"a", "b", "a", "c"}));
+    EXPECT_STREQ(rk_child_get_string(root.get(), "a"), "1");  // the first of that name
+    EXPECT_STREQ(rk_child_get_string(root.get(), "b"), "true");
+    EXPECT_EQ(rk_elem_child(root.get(), "c"), nested);
+    EXPECT_EQ(rk_elem_child(root.get(), "missing"), nullptr);
+    EXPECT_EQ(rk_child_get_string(root.get(), "missing"), nullptr);
+    EXPECT_STREQ(rk_child_get_string(root.get(), "c"), "");  // present without text
+}
+
+TEST(RkElement, IteratorEndsWithNullAndStaysThere) {
+    ElemPtr root(rk_elem_new("root"));
+    rk_child_add_string(root.get(), "x", "1");
+    rk_iterator_t it = rk_child_iterator(root.get());
+    EXPECT_NE(rk_iterator_next(&it), nullptr);
+    EXPECT_EQ(rk_iterator_next(&it), nullptr);
+    EXPECT_EQ(rk_iterator_next(&it), nullptr);
+    rk_iterator_t none = rk_child_iterator(nullptr);
+    EXPECT_EQ(rk_iterator_next(&none), nullptr);
+}
+
+TEST(RkElement, LookupsOnNullElementReturnNullOrDefault) {
+    EXPECT_EQ(rk_elem_get_name(nullptr), nullptr);
+    EXPECT_EQ(rk_elem_get_content(nullptr), nullptr);
+    EXPECT_EQ(rk_elem_child(nullptr, "a"), nullptr);
+    EXPECT_EQ(rk_child_get_string(nullptr, "a"), nullptr);
+    EXPECT_EQ(rk_child_get_string_encrypted(nullptr, "a", nullptr), nullptr);
+    EXPECT_EQ(rk_child_get_bool(nullptr, "a", 7), 7);
+    EXPECT_EQ(rk_elem_sprintf(nullptr), nullptr);
+    EXPECT_EQ(rk_results_status(nullptr), 0);
+    EXPECT_EQ(rk_results_reason(nullptr), nullptr);
+    EXPECT_EQ(rk_results_errno(nullptr), 0);
+    EXPECT_EQ(rk_child_add(nullptr, nullptr), nullptr);
+    rk_elem_free(nullptr);
+}
+
+TEST(RkElement, ChildWithParentOrCycleIsRefused) {
+    ElemPtr a(rk_elem_new("a"));
+    ElemPtr b(rk_elem_new("b"));
+    rk_elem_t* c = rk_elem_new("c");
+    ASSERT_EQ(rk_child_add(a.get(), c), c);
+    EXPECT_EQ(rk_child_add(b.get(), c), nullptr);  // already has a parent
+    EXPECT_EQ(rk_child_add(c, a.get()), nullptr);  // would make a cycle
+    EXPECT_EQ(rk_child_add(a.get(), a.get()), nullptr);
+    EXPECT_EQ(rk_elem_child_count(b.get()), 0u);
+}
+
+TEST(RkElement, FreeingAnAttachedChildDetachesIt) {
+    ElemPtr root(rk_elem_new("root"));
+    rk_elem_t* child = rk_child_add_string(root.get(), "x", "1");
+    rk_elem_free(child);
+    EXPECT_EQ(rk_elem_child_count(root.get()), 0u);
+}
+
+TEST(RkElement, BooleansAreWrittenAndReadInTheLibrarysForm) {
+    ElemPtr root(rk_elem_new("root"));
+    rk_child_add_bool(root.get(), "t", 5);
+    rk_child_add_bool(root.get(), "f", 0);
+    EXPECT_STREQ(rk_child_get_string(root.get(), "t"), "true");
+    EXPECT_STREQ(rk_child_get_string(root.get(), "f"), "false");
+    const char* trueTexts[] = {"true", "TRUE", "Yes", "on", "ON", "1"};
+    const char* falseTexts[] = {"false", "no", "off", "0", "", "2", "truth", " true"};
+    for (const char* text : trueTexts) {
+        ElemPtr e(rk_elem_new("e"));
+        rk_child_add_string(e.get(), "v", text);
+        EXPECT_EQ(rk_child_get_bool(e.get(), "v", 0), 1) << text;
+    }
+    for (const char* text : falseTexts) {
+        ElemPtr e(rk_elem_new("e"));
+        rk_child_add_string(e.get(), "v", text);
+        EXPECT_EQ(rk_child_get_bool(e.get(), "v", 1), 0) << text;
+    }
+    EXPECT_EQ(rk_child_get_bool(root.get(), "missing", 1), 1);
+    EXPECT_EQ(rk_child_get_bool(root.get(), "missing", 0), 0);
+}
+
+TEST(RkElement, SprintfIndentsNestedElements) {
+    ElemPtr root(rk_elem_new("volume-create"));
+    rk_child_add_string(root.get(), "name", "vol0");
+    rk_elem_t* owner = rk_child_add(root.get(), rk_elem_new("owner"));
+    rk_child_add_string(owner, "id", "7");
+    rk_child_add(root.get(), rk_elem_new("empty"));
+    EXPECT_EQ(Sprintf(root.get()),
+              "<volume-create>\n"
+              "  <name>vol0</name>\n"
+              "  <owner>\n"
+              "    <id>7</id>\n"
+              "  </owner>\n"
+              "  <empty/>\n"
+              "</volume-create>\n");
+}
+
+TEST(RkElement, SprintfEscapesTextAndAttributes) {
+    ElemPtr root(rk_elem_new("r"));
+    rk_child_add_string(root.get(), "t", "a<b>&\"c'");
+    rk_elem_set_attr(root.get(), "note", "x<&\"y");
+    EXPECT_EQ(Sprintf(root.get()),
+              "<r note=\"x&lt;&amp;&quot;y\">\n"
+              "  <t>a&lt;b&gt;&amp;&quot;c&apos;</t>\n"
+              "</r>\n");
+    // The tree itself keeps the plain text.
+    EXPECT_STREQ(rk_child_get_string(root.get(), "t"), "a<b>&\"c'");
+}
+
+TEST(RkElement, SetContentReplacesText) {
+    ElemPtr e(rk_elem_new("e"));
+    EXPECT_EQ(rk_elem_set_content(e.get(), "one"), 1);
+    EXPECT_EQ(rk_elem_set_content(e.get(), "two"), 1);
+    EXPECT_STREQ(rk_elem_get_content(e.get()), "two");
+    EXPECT_EQ(rk_elem_set_content(nullptr, "x"), 0);
+}
+
+TEST(RkElement, AttributesAreSetReplacedAndRead) {
+    ElemPtr e(rk_elem_new("e"));
+    EXPECT_EQ(rk_elem_get_attr(e.get(), "a"), nullptr);
+    EXPECT_EQ(rk_elem_set_attr(e.get(), "a", "1"), 1);
+    EXPECT_EQ(rk_elem_set_attr(e.get(), "a", "2"), 1);
+    EXPECT_STREQ(rk_elem_get_attr(e.get(), "a"), "2");
+    EXPECT_EQ(rk_elem_set_attr(e.get(), "bad name", "1"), 0);
+}
+
+TEST(RkElement, CopyIsDeepAndIndependent) {
+    ElemPtr root(rk_elem_new("r"));
+    rk_elem_t* inner = rk_child_add(root.get(), rk_elem_new("inner"));
+    rk_child_add_string(inner, "v", "1");
+    ElemPtr copy(rk_elem_copy(root.get()));
+    rk_elem_set_content(rk_elem_child(inner, "v"), "changed");
+    EXPECT_STREQ(rk_child_get_string(rk_elem_child(copy.get(), "inner"), "v"), "1");
+    EXPECT_EQ(rk_elem_parent(rk_elem_child(copy.get(), "inner")), copy.get());
+}
+
+ElemPtr Chain(int depth) {
+    ElemPtr root(rk_elem_new("d"));
+    rk_elem_t* e = root.get();
+    for (int i = 1; i < depth; ++i) {
+        e = rk_child_add(e, rk_elem_new("d"));
+    }
+    return root;
+}
+
+TEST(RkElement, VeryDeepTreesAreCopiedAndFreedWithoutRecursion) {
+    ElemPtr root = Chain(200000);
+    ElemPtr copy(rk_elem_copy(root.get()));
+    ASSERT_NE(copy, nullptr);
+}
+
+TEST(RkElement, DeepTreesAreWrittenOut) {
+    ElemPtr root = Chain(2000);
+    char* text = rk_elem_sprintf(root.get());
+    ASSERT_NE(text, nullptr);
+    // One opening and one closing line per level, except the innermost "<d/>".
+    EXPECT_EQ(std::count(text, text + strlen(text), '\n'), 2 * 2000 - 1);
+    free(text);
+}
+
+TEST(RkResults, PassedAndFailedResults) {
+    ElemPtr passed(rk_results_new_passed());
+    EXPECT_EQ(rk_results_status(passed.get()), 1);
+    EXPECT_EQ(rk_results_reason(passed.get()), nullptr);
+    EXPECT_EQ(rk_results_errno(passed.get()), 0);
+
+    ElemPtr failed(rk_results_new_failed("volume <vol0> & more", 13055));
+    EXPECT_EQ(rk_results_status(failed.get()), 0);
+    EXPECT_STREQ(rk_results_reason(failed.get()), "volume <vol0> & more");
+    EXPECT_EQ(rk_results_errno(failed.get()), 13055);
+    EXPECT_EQ(Sprintf(failed.get()),
+              "<results status=\"failed\" reason=\"volume &lt;vol0&gt; &amp; more\" "
+              "errno=\"13055\"/>\n");
+}
+
+TEST(RkStartup, StartupAndShutdown) {
+    char error[256] = "untouched";
+    EXPECT_NE(rk_startup(error, sizeof(error)), 0);
+    EXPECT_NE(rk_is_started(), 0);
+    EXPECT_NE(rk_startup(error, sizeof(error)), 0);  // a second start is harmless
+    rk_shutdown();
+    EXPECT_EQ(rk_is_started(), 0);
+}
+
+}  // namespace

@@ -1,0 +1,164 @@
+// Parsing XML text into element trees: entity references kept, bad input refused with a
+// reason, limits enforced; and round trips with the writer.
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <memory>
+#include <string>
+
+#include "rk.h"
+
+namespace {
+
+struct ElemDeleter {
+    void operator()(rk_elem_t* e) const { rk_elem_free(e); }
+};
+using ElemPtr = std::unique_ptr<rk_elem_t, ElemDeleter>;
+
+ElemPtr Parse(const std::string& text, std::string* error = nullptr) {
+    char buffer[256] = "";
+    ElemPtr tree(rk_elem_parse(text.data(), text.size(), buffer, sizeof(buffer)));
+    if (error != nullptr) {
+        *error = buffer;
+    }
+    return tree;
+}
+
+std::string Sprintf(rk_elem_t* elem) {
+    char* text = rk_elem_sprintf(elem);
+    std::string out = text == nullptr ? "(null)" : text;
+    free(text);
+    return out;
+}
+
+TEST(RkXml, ParsesElementsTextAndAttributes) {
+    ElemPtr tree = Parse(
+        "<?xml version=\"1.0\"?>\n<results status=\"passed\">\n  <name>vol0</name>\n"
+        "  <!-- comment -->\n  <owner><id>7</id></owner>\n  <empty/>\n</results>\n");
+    ASSERT_NE(tree, nullptr);
+    EXPECT_STREQ(rk_elem_get_name(tree.get()), "results");
+    EXPECT_EQ(rk_results_status(tree.get()), 1);
+    EXPECT_STREQ(rk_child_get_string(tree.get(), "name"), "vol0");
+    EXPECT_STREQ(rk_child_get_string(rk_elem_child(tree.get(), "owner"), "id"), "7");
+    EXPECT_STREQ(rk_child_get_string(tree.get(), "empty"), "");
+    EXPECT_EQ(rk_elem_child_count(tree.get()), 3u);
+}
+
+TEST(RkXml, KeepsEntityReferencesAsTheyStand) {
+    ElemPtr tree =
+        Parse("<r reason=\"a &lt; b &amp;&amp; &foo;\"><t>x&lt;y&gt;&amp;lt;&#60;&foo;</t></r>");
+    ASSERT_NE(tree, nullptr);
+    EXPECT_STREQ(rk_child_get_string(tree.get(), "t"), "x&lt;y&gt;&amp;lt;&#60;&foo;");
+    EXPECT_STREQ(rk_elem_get_attr(tree.get(), "reason"), "a &lt; b &amp;&amp; &foo;");
+    // Written out again, the references stand as they were: nothing is escaped twice.
+    EXPECT_EQ(Sprintf(tree.get()),
+              "<r reason=\"a &lt; b &amp;&amp; &foo;\">\n"
+              "  <t>x&lt;y&gt;&amp;lt;&#60;&foo;</t>\n"
+              "</r>\n");
+}
+
+TEST(RkXml, WrittenTextParsesBackToTheSameTree) {
+    ElemPtr root(rk_elem_new("req"));
+    rk_child_add_string(root.get(), "text", "<a href=\"x\">it's & done</a>");
+    rk_child_add_string(root.get(), "spaces", "  ");
+    rk_elem_t* nested = rk_child_add(root.get(), rk_elem_new("nested"));
+    rk_child_add_bool(nested, "flag", 1);
+    std::string text = Sprintf(root.get());
+    ElemPtr parsed = Parse(text);
+    ASSERT_NE(parsed, nullptr);
+    // The parsed text holds the references the writer made; writing it again is identical.
+    EXPECT_STREQ(rk_child_get_string(parsed.get(), "text"),
+                 "&lt;a href=&quot;x&quot;&gt;it&apos;s &amp; done&lt;/a&gt;");
+    EXPECT_STREQ(rk_child_get_string(parsed.get(), "spaces"), "  ");
+    EXPECT_EQ(rk_child_get_bool(rk_elem_child(parsed.get(), "nested"), "flag", 0), 1);
+    EXPECT_EQ(Sprintf(parsed.get()), text);
+}
+
+TEST(RkXml, CdataBecomesEscapedText) {
+    ElemPtr tree = Parse("<r><t><![CDATA[a<b&c]]></t></r>");
+    ASSERT_NE(tree, nullptr);
+    EXPECT_STREQ(rk_child_get_string(tree.get(), "t"), "a&lt;b&amp;c");
+}
+
+TEST(RkXml, DocumentTypeEntitiesAreNeverExpanded) {
+    std::string bomb =
+        "<!DOCTYPE r [<!ENTITY a \"aaaaaaaaaa\"><!ENTITY b \"&a;&a;&a;&a;&a;&a;&a;&a;\">]>"
+        "<r><t>&b;&b;&b;</t></r>";
+    ElemPtr tree = Parse(bomb);
+    ASSERT_NE(tree, nullptr);
+    EXPECT_STREQ(rk_child_get_string(tree.get(), "t"), "&b;&b;&b;");
+}
+
+TEST(RkXml, MalformedInputIsRefusedWithAReason) {
+    const char* bad[] = {
+        "",
+        "   ",
+        "<r>",
+        "<r></s>",
+        "<r><a></r></a>",
+        "<r a=\"1></r>",
+        "<r a=1></r>",
+        "</r>",
+        "<r/><s/>",
+        "<r/>trailing",
+        "text<r/>",
+        "<r><!-- unterminated </r>",
+        "<1r/>",
+    };
+    for (const char* text : bad) {
+        std::string error;
+        ElemPtr tree = Parse(text, &error);
+        EXPECT_EQ(tree, nullptr) << text;
+        EXPECT_FALSE(error.empty()) << text;
+    }
+}
+
+TEST(RkXml, ErrorNamesTheOffset) {
+    std::string error;
+    EXPECT_EQ(Parse("<r><a></b></r>", &error), nullptr);
+    EXPECT_NE(error.find("offset"), std::string::npos) << error;
+}
+
+TEST(RkXml, DepthIsBounded) {
+    auto nested = [](int depth) {
+        std::string text;
+        for (int i = 0; i < depth; ++i)
+            text += "<d>";
+        for (int i = 0; i < depth; ++i)
+            text += "</d>";
+        return text;
+    };
+    EXPECT_NE(Parse(nested(RK_PARSE_MAX_DEPTH)), nullptr);
+    std::string error;
+    EXPECT_EQ(Parse(nested(RK_PARSE_MAX_DEPTH + 1), &error), nullptr);
+    EXPECT_NE(error.find("deeper than"), std::string::npos) << error;
+    // Far deeper input is refused the same way, without exhausting the stack.
+    EXPECT_EQ(Parse(nested(100000), &error), nullptr);
+}
+
+TEST(RkXml, SizeIsBounded) {
+    char error[128] = "";
+    std::string text = "<r/>";
+    EXPECT_EQ(rk_elem_parse(text.data(), static_cast<size_t>(RK_PARSE_MAX_BYTES) + 1, error,
+                            sizeof(error)),
+              nullptr);
+    EXPECT_NE(std::string(error).find("over the limit"), std::string::npos) << error;
+}
+
+TEST(RkXml, NullTextAndTinyErrorBuffer) {
+    char error[8];
+    EXPECT_EQ(rk_elem_parse(nullptr, 0, error, sizeof(error)), nullptr);
+    EXPECT_LT(std::string(error).size(), sizeof(error));
+    EXPECT_EQ(rk_elem_parse("<", 1, nullptr, 0), nullptr);
+}
+
+TEST(RkXml, LongAttributeAndTextArePreserved) {
+    std::string big(1 << 20, 'x');
+    ElemPtr tree = Parse("<r a=\"" + big + "\"><t>" + big + "</t></r>");
+    ASSERT_NE(tree, nullptr);
+    EXPECT_EQ(std::string(rk_elem_get_attr(tree.get(), "a")).size(), big.size());
+    EXPECT_EQ(std::string(rk_child_get_string(tree.get(), "t")).size(), big.size());
+}
+
+}  // namespace
