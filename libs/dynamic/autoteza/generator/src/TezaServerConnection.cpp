@@ -153,6 +153,7 @@ bool tsc_get_bool(const std::string& in, const std::string& key, bool& value) {
 
 }  // namespace
 
+const int TezaServerConnection::Default_Port;
 pthread_mutex_t TezaServerConnection::_mutex = PTHREAD_MUTEX_INITIALIZER;
 TezaServerConnection::QuarantineMap* TezaServerConnection::_quarantine_map = NULL;
 pthread_once_t TezaServerConnection::_quarantine_map_initialized = PTHREAD_ONCE_INIT;
