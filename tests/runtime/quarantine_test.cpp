@@ -522,8 +522,12 @@ TEST_F(QuarantineTest, BackgroundProbeOfAnAnsweringServerRemovesItsEntryAndClose
     rkdouble::ClearCalls();
     _log.Create();
     TezaServerConnection::probeQuarantinedServers();
-    EXPECT_EQ(rkdouble::Calls("rk_server_").front(), "rk_server_open(srv7, 1, 21)");
-    EXPECT_EQ(rkdouble::Calls("rk_server_").back(), "rk_server_close(h2)");
+    EXPECT_EQ(rkdouble::Calls("rk_server_"),
+              (Lines{"rk_server_open(srv7, 1, 21)", "rk_server_set_style(h2, 1)",
+                     "rk_server_set_server_type(h2, 2)",
+                     "rk_server_set_transport_type(h2, 0, (null))", "rk_server_set_port(h2, 443)",
+                     "rk_server_set_admin_user(h2, admin, secret)", "rk_server_set_timeout(h2, 15)",
+                     "rk_server_invoke(h2, system-get-corvi-version)", "rk_server_close(h2)"}));
     EXPECT_EQ(rkdouble::HandlesOpen(), 0);
     Lines messages = LogMessages();
     ASSERT_GE(messages.size(), 3u);
