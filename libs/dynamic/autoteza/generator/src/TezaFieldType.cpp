@@ -88,12 +88,24 @@ static std::string __getLowestLevelTypeName(const TezaFieldTypeMetaData& md, int
     return typeName;
 }
 
-// Arrays of nested records are made by the factories as arrays of the generated class and
-// released here as arrays of TezaFieldType: the array delete runs each element's virtual
-// destructor, last to first, and frees the block. Generated classes add no data members, so
-// both have the same size.
-static void __releaseRecords(void* slot) {
-    delete[] static_cast<TezaFieldType*>(slot);
+// Arrays of nested records are made by the factories with new[] as arrays of the generated
+// class, and released here as arrays of TezaFieldType: each element's virtual destructor runs,
+// from the last to the first, then the block is freed. An array delete through the base type
+// would not do: compilers may run the base destructor alone. For a class with a non-trivial
+// destructor, new[] puts a cookie of sizeof(size_t) bytes (the element count) in front of the
+// first element (Itanium C++ ABI), so the block starts that far before the array. Generated
+// classes add no data members, so elements are TezaFieldType-sized.
+static_assert(alignof(TezaFieldType) <= sizeof(size_t), "array cookie is one size_t");
+
+static void __releaseRecords(void* slot, int32_t count) {
+    if (slot == NULL) {
+        return;
+    }
+    TezaFieldType* records = static_cast<TezaFieldType*>(slot);
+    for (int32_t k = count - 1; k >= 0; --k) {
+        records[k].~TezaFieldType();
+    }
+    ::operator delete[](static_cast<char*>(slot) - sizeof(size_t));
 }
 
 static void __releaseText(void* slot) {
@@ -263,7 +275,7 @@ void TezaFieldType::setFieldValue(int fieldPos, int count, const TezaFieldType* 
     TezaFieldType* copies = TezaNamespaceFactory::copyInstances(
         md.getNamespace(), __getLowestLevelTypeName(md, fieldPos), count, values);
     if (isFieldSet(fieldPos)) {
-        __releaseRecords(_fieldValues[fieldPos]);
+        __releaseRecords(_fieldValues[fieldPos], _fieldCounts[fieldPos]);
         _fieldValues[fieldPos] = NULL;
         _fieldCounts[fieldPos] = 0;
     }
@@ -278,7 +290,7 @@ void TezaFieldType::setFieldValue(int fieldPos, std::vector<TezaFieldType*>& val
     TezaFieldType* copies = TezaNamespaceFactory::copyInstances(
         md.getNamespace(), __getLowestLevelTypeName(md, fieldPos), values);
     if (isFieldSet(fieldPos)) {
-        __releaseRecords(_fieldValues[fieldPos]);
+        __releaseRecords(_fieldValues[fieldPos], _fieldCounts[fieldPos]);
         _fieldValues[fieldPos] = NULL;
         _fieldCounts[fieldPos] = 0;
     }
@@ -315,7 +327,7 @@ TEZA_ADOPT_ARRAY(std::string)
 void TezaFieldType::__setFieldValue(int fieldPos, int count, TezaFieldType* values) {
     TEZA_CHECK_FIELD_ACCESS();
     if (isFieldSet(fieldPos)) {
-        __releaseRecords(_fieldValues[fieldPos]);
+        __releaseRecords(_fieldValues[fieldPos], _fieldCounts[fieldPos]);
         _fieldValues[fieldPos] = NULL;
         _fieldCounts[fieldPos] = 0;
     }
@@ -577,7 +589,7 @@ void TezaFieldType::clearFieldData() {
                     __releaseScalars(type, slot);
                 }
             } else if (type == TezaFieldTypeMetaData::TYPEDEF_TYPE) {
-                __releaseRecords(slot);
+                __releaseRecords(slot, _fieldCounts[i]);
             }
         }
     }
