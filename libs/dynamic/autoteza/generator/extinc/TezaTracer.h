@@ -22,7 +22,8 @@
 // The trace hook. The runtime's own definition does nothing; the runtime calls it through the
 // dynamic linker, so a host process that defines this function receives every hooked trace
 // text instead. Called with kind 1, the caller's label and the text, for a call whose trace
-// handle and label are both non-null.
+// handle and label are both non-null. The host's definition must be exported: an executable
+// is linked with --export-dynamic for it (this declaration gives it default visibility).
 extern "C" TEZA_API void TRACE_PRINTRLC_U(void* handle, int kind, const char* label,
                                           const char* text);
 

@@ -17,7 +17,7 @@
 #include "TezaUtil.h"
 #include "rk.h"
 
-// --- Trace hook --------------------------------------------------------------------------------
+// --- Trace hook ---------------------------------------------------------------------------
 
 // Weak and never inlined, so that every call from the runtime goes through the dynamic linker
 // and a host's own definition takes this one's place.
