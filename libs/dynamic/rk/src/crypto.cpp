@@ -80,7 +80,9 @@ bool Base64Decode(const std::string& text, std::vector<unsigned char>* out) {
     if (text[text.size() - 2] == '=')
         ++padding;
     out->resize(static_cast<size_t>(n) - padding);
-    return true;
+    // Only the canonical text is accepted: otherwise a change to the unused bits of the last
+    // character would decode to the same bytes and go unnoticed.
+    return Base64Encode(*out) == text;
 }
 
 }  // namespace
