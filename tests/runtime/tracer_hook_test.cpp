@@ -9,9 +9,11 @@
 #include <string>
 #include <vector>
 
+#include "TezaServerConnection.h"
+#include "TezaStatus.h"
 #include "TezaTracer.h"
-#include "fake_clock.h"
 #include "rk_double.h"
+#include "test_clock.h"
 #include "test_tracker.h"
 #include "trace_support.h"
 
@@ -56,7 +58,6 @@ namespace {
 
 using testsupport::CapturedStdout;
 using testsupport::ElemPtr;
-using testsupport::ScopedFixedTime;
 using testsupport::TestTracker;
 using testsupport::UtcTime;
 
@@ -71,19 +72,35 @@ const std::string kFailedText =
     "<results status=\"failed\" reason=\"disk full\" errno=\"13001\"/>\n";
 const std::string kEmptyRequestLine = kNone + "<volume-rename>\n";
 const std::string kEmptyResponseLine = kResponse + " Received response for: <volume-rename>\n";
+const std::string kConnectionLine =
+    kNone +
+    "TezaServerConnection:  host: srv1 major: 1 minor: 21 style: 2 type: 3 transport: 1 port: "
+    "8443 connect timeout: 12 call timeout: 45\n";
+const std::string kFailedLine =
+    kNone + "Host: srv1 Teza failed. Request: <volume-rename> Error: 13001 Reason: disk full\n";
 
 class TracerHookTest : public ::testing::Test {
   protected:
     void SetUp() override {
         rkdouble::Reset();
+        testclock::Freeze(UtcTime(2024, 11, 23, 14, 5, 9));
         TakeHookCalls();
     }
-    void TearDown() override { rkdouble::Reset(); }
+    void TearDown() override {
+        testclock::UseRealClock();
+        rkdouble::Reset();
+    }
 
     static ElemPtr Request() {
         ElemPtr request(rk_elem_new("volume-rename"));
         rk_child_add_string(request.get(), "new-name", "vol2");
         return request;
+    }
+
+    static TezaServerConnection Connection() {
+        return TezaServerConnection(
+            "srv1", 1, 21, TezaServerConnection::STYLE_TOKEN, TezaServerConnection::TRANSPORT_HTTPS,
+            8443, TezaServerConnection::SERVER_TYPE_AGENT, 45, 12, "admin", "secret", 5);
     }
 
     // A hook call as this test's handle and label make it.
@@ -92,7 +109,8 @@ class TracerHookTest : public ::testing::Test {
     int _handle = 0;
     TestTracker _tracker{"volume-rename"};
     bool _force = false;
-    ScopedFixedTime _clock{UtcTime(2024, 11, 23, 14, 5, 9)};
+    TezaServerConnection _connection = Connection();
+    TezaStatus _failure{TezaStatus::ApiFailed, "disk full", 13001};
 };
 
 // --- When the hook is on -------------------------------------------------------------------
@@ -112,6 +130,10 @@ TEST_F(TracerHookTest, HookIsOffWithoutHandleOrLabel) {
             _tracker.printRequest(kTag, request.get(), _force, &_handle, nullptr);
             _tracker.printResponse(kTag, response.get(), _force, nullptr, kLabel);
             _tracker.printResponse(kTag, response.get(), _force, &_handle, nullptr);
+            _tracker.printServerConnection(kTag, _connection, _force, nullptr, kLabel);
+            _tracker.printServerConnection(kTag, _connection, _force, &_handle, nullptr);
+            _tracker.printTezaFailed(kTag, _connection, _failure, _force, nullptr, kLabel);
+            _tracker.printTezaFailed(kTag, _connection, _failure, _force, &_handle, nullptr);
         });
         EXPECT_TRUE(TakeHookCalls().empty());
     }
@@ -256,6 +278,49 @@ TEST_F(TracerHookTest, NullResponseHooksOnlyTheShortLine) {
         CapturedStdout([&] { _tracker.printResponse(kTag, nullptr, _force, &_handle, kLabel); });
     EXPECT_EQ(out, "");
     EXPECT_EQ(TakeHookCalls(), std::vector<HookCall>{Hooked(kEmptyResponseLine)});
+}
+
+// --- printServerConnection -----------------------------------------------------------------
+
+TEST_F(TracerHookTest, ServerConnectionReachesTheHookAtEveryLevel) {
+    for (int level = 0; level <= 4; ++level) {
+        SCOPED_TRACE("level " + std::to_string(level));
+        _tracker.setTraceLevel(level);
+        std::string out = CapturedStdout(
+            [&] { _tracker.printServerConnection(kTag, _connection, _force, &_handle, kLabel); });
+        EXPECT_EQ(TakeHookCalls(), std::vector<HookCall>{Hooked(kConnectionLine)});
+        // Level 4 is quiet only while the hook is off: with the hook on, the line it built is
+        // written like at levels 1 to 3.
+        EXPECT_EQ(out, level == 0 ? "" : kConnectionLine);
+    }
+}
+
+// --- printTezaFailed -----------------------------------------------------------------------
+
+TEST_F(TracerHookTest, TezaFailedReachesTheHookAtEveryLevel) {
+    for (int level = 0; level <= 4; ++level) {
+        SCOPED_TRACE("level " + std::to_string(level));
+        _tracker.setTraceLevel(level);
+        std::string out = CapturedStdout([&] {
+            _tracker.printTezaFailed(kTag, _connection, _failure, _force, &_handle, kLabel);
+        });
+        EXPECT_EQ(TakeHookCalls(), std::vector<HookCall>{Hooked(kFailedLine)});
+        EXPECT_EQ(out, level == 0 ? "" : kFailedLine);
+    }
+}
+
+TEST_F(TracerHookTest, ForcedTracesReachTheHookToo) {
+    const bool force = true;
+    std::string out = CapturedStdout([&] {
+        _tracker.printServerConnection(kTag, _connection, force, &_handle, kLabel);
+        _tracker.printEmptyRequest(kTag, force, &_handle, kLabel);
+        _tracker.printEmptyResponse(kTag, force, &_handle, kLabel);
+        _tracker.printTezaFailed(kTag, _connection, _failure, force, &_handle, kLabel);
+    });
+    EXPECT_EQ(TakeHookCalls(),
+              (std::vector<HookCall>{Hooked(kConnectionLine), Hooked(kEmptyRequestLine),
+                                     Hooked(kEmptyResponseLine), Hooked(kFailedLine)}));
+    EXPECT_EQ(out, kConnectionLine + kEmptyRequestLine + kEmptyResponseLine + kFailedLine);
 }
 
 }  // namespace

@@ -12,11 +12,14 @@
 #include <type_traits>
 #include <vector>
 
+#include "TezaServerConnection.h"
+#include "TezaStatus.h"
 #include "TezaTracer.h"
 #include "assertion.h"
-#include "fake_clock.h"
 #include "generated_symbols.h"
 #include "rk_double.h"
+#include "strftime_failure.h"
+#include "test_clock.h"
 #include "test_tracker.h"
 #include "trace_support.h"
 
@@ -24,7 +27,6 @@ namespace {
 
 using testsupport::CapturedStdout;
 using testsupport::ElemPtr;
-using testsupport::ScopedFixedTime;
 using testsupport::TestTracker;
 using testsupport::UtcTime;
 
@@ -58,6 +60,14 @@ const std::string kCutFailed =
 // A text that fits keeps its own line end and gains one more.
 const std::string kShortPassed = kResponse + kPassedText + "\n";
 
+// The fixture's connection and failure, with enumerations as their numbers.
+const std::string kConnectionLine =
+    kNone +
+    "TezaServerConnection:  host: srv1 major: 1 minor: 21 style: 2 type: 3 transport: 1 port: "
+    "8443 connect timeout: 12 call timeout: 45\n";
+const std::string kFailedLine =
+    kNone + "Host: srv1 Teza failed. Request: <volume-rename> Error: 13001 Reason: disk full\n";
+
 // One row of a level table: the tracker's level, the force flag, what reaches standard output
 // and what the tracker holds afterwards.
 struct Row {
@@ -73,8 +83,14 @@ std::string RowName(const Row& row) {
 
 class TracerTest : public ::testing::Test {
   protected:
-    void SetUp() override { rkdouble::Reset(); }
-    void TearDown() override { rkdouble::Reset(); }
+    void SetUp() override {
+        rkdouble::Reset();
+        testclock::Freeze(UtcTime(2024, 11, 23, 14, 5, 9));
+    }
+    void TearDown() override {
+        testclock::UseRealClock();
+        rkdouble::Reset();
+    }
 
     static ElemPtr Request() {
         ElemPtr request(rk_elem_new("volume-rename"));
@@ -83,6 +99,13 @@ class TracerTest : public ::testing::Test {
     }
     static ElemPtr PassedResult() { return ElemPtr(rk_results_new_passed()); }
     static ElemPtr FailedResult() { return ElemPtr(rk_results_new_failed("disk full", 13001)); }
+    // Every number differs, so that no field can stand in for another.
+    static TezaServerConnection Connection() {
+        return TezaServerConnection(
+            "srv1", 1, 21, TezaServerConnection::STYLE_TOKEN, TezaServerConnection::TRANSPORT_HTTPS,
+            8443, TezaServerConnection::SERVER_TYPE_AGENT, 45, 12, "admin", "secret", 5);
+    }
+    static TezaStatus Failure() { return TezaStatus(TezaStatus::ApiFailed, "disk full", 13001); }
 
     // Runs `print` on a fresh tracker at each row's level and checks its output and held text.
     template <typename Print>
@@ -95,8 +118,6 @@ class TracerTest : public ::testing::Test {
             EXPECT_EQ(tracker.getHeldRequest(), row.held);
         }
     }
-
-    ScopedFixedTime _clock{UtcTime(2024, 11, 23, 14, 5, 9)};
 };
 
 // --- The tracker's own state ---------------------------------------------------------------
@@ -134,26 +155,31 @@ TEST(TezaTracer, TestTrackersComeFromTheDepotOncePerApi) {
 
 // --- prefix --------------------------------------------------------------------------------
 
-TEST(TezaTracerPrefix, FifthOfTheMonthIsPaddedWithASpace) {
-    ScopedFixedTime clock(UtcTime(2024, 3, 5, 9, 7, 3));
+class TezaTracerPrefix : public ::testing::Test {
+  protected:
+    void TearDown() override { testclock::UseRealClock(); }
+};
+
+TEST_F(TezaTracerPrefix, FifthOfTheMonthIsPaddedWithASpace) {
+    testclock::Freeze(UtcTime(2024, 3, 5, 9, 7, 3));
     EXPECT_EQ(TezaTracer::prefix(12, TezaTracer::TRACE_REQUEST),
               "Mar  5 09:07:03 TezaInterface: Tag: 12 Request: ");
 }
 
-TEST(TezaTracerPrefix, TwoDigitDaysKeepBothDigits) {
-    ScopedFixedTime clock(UtcTime(2023, 12, 31, 23, 59, 59));
+TEST_F(TezaTracerPrefix, TwoDigitDaysKeepBothDigits) {
+    testclock::Freeze(UtcTime(2023, 12, 31, 23, 59, 59));
     EXPECT_EQ(TezaTracer::prefix(0, TezaTracer::TRACE_NONE),
               "Dec 31 23:59:59 TezaInterface: Tag: 0 ");
-    ScopedFixedTime tenth(UtcTime(2025, 1, 10, 0, 0, 0));
+    testclock::Freeze(UtcTime(2025, 1, 10, 0, 0, 0));
     EXPECT_EQ(TezaTracer::prefix(0, TezaTracer::TRACE_NONE),
               "Jan 10 00:00:00 TezaInterface: Tag: 0 ");
-    ScopedFixedTime first(UtcTime(2025, 7, 1, 5, 4, 3));
+    testclock::Freeze(UtcTime(2025, 7, 1, 5, 4, 3));
     EXPECT_EQ(TezaTracer::prefix(0, TezaTracer::TRACE_NONE),
               "Jul  1 05:04:03 TezaInterface: Tag: 0 ");
 }
 
-TEST(TezaTracerPrefix, EachKindEndsDifferently) {
-    ScopedFixedTime clock(UtcTime(2024, 11, 23, 14, 5, 9));
+TEST_F(TezaTracerPrefix, EachKindEndsDifferently) {
+    testclock::Freeze(UtcTime(2024, 11, 23, 14, 5, 9));
     EXPECT_EQ(TezaTracer::prefix(7, TezaTracer::TRACE_NONE), kNone);
     EXPECT_EQ(TezaTracer::prefix(7, TezaTracer::TRACE_REQUEST), kRequest);
     EXPECT_EQ(TezaTracer::prefix(7, TezaTracer::TRACE_RESPONSE), kResponse);
@@ -161,8 +187,8 @@ TEST(TezaTracerPrefix, EachKindEndsDifferently) {
     EXPECT_EQ(TezaTracer::prefix(7, static_cast<TezaTracer::TezaTraceType>(3)), kNone);
 }
 
-TEST(TezaTracerPrefix, TagIsPrintedUnsigned) {
-    ScopedFixedTime clock(UtcTime(2024, 11, 23, 14, 5, 9));
+TEST_F(TezaTracerPrefix, TagIsPrintedUnsigned) {
+    testclock::Freeze(UtcTime(2024, 11, 23, 14, 5, 9));
     EXPECT_EQ(TezaTracer::prefix(4294967295u, TezaTracer::TRACE_NONE),
               "Nov 23 14:05:09 TezaInterface: Tag: 4294967295 ");
 }
@@ -193,15 +219,16 @@ class ScopedTimeZone {
     std::string _oldZone;
 };
 
-TEST(TezaTracerPrefix, TimeIsUtcWhateverTheLocalZone) {
+TEST_F(TezaTracerPrefix, TimeIsUtcWhateverTheLocalZone) {
     // Nine hours east of UTC it is already the next morning locally.
     ScopedTimeZone zone("JST-9");
-    ScopedFixedTime clock(UtcTime(2024, 11, 23, 20, 5, 9));
+    testclock::Freeze(UtcTime(2024, 11, 23, 20, 5, 9));
     EXPECT_EQ(TezaTracer::prefix(1, TezaTracer::TRACE_NONE),
               "Nov 23 20:05:09 TezaInterface: Tag: 1 ");
 }
 
-TEST(TezaTracerPrefix, ReadsTheRealClockByDefault) {
+TEST_F(TezaTracerPrefix, ReadsTheRealClockWhenNotFrozen) {
+    testclock::UseRealClock();
     std::string prefix = TezaTracer::prefix(1, TezaTracer::TRACE_RESPONSE);
     EXPECT_THAT(prefix, ::testing::MatchesRegex("[A-Z][a-z][a-z] [ 123][0-9] [0-2][0-9]:[0-5][0-9]:"
                                                 "[0-6][0-9] TezaInterface: Tag: 1 Response: "));
@@ -463,6 +490,119 @@ TEST_F(TracerTest, LevelFourWritesTheShortResponseLineOfANullResponse) {
     EXPECT_EQ(
         CapturedStdout([&] { tracker.printResponse(kTag, nullptr, force, nullptr, nullptr); }),
         kEmptyResponseLine);
+}
+
+// --- printServerConnection -----------------------------------------------------------------
+
+TEST_F(TracerTest, ServerConnectionAtEveryLevel) {
+    TezaServerConnection connection = Connection();
+    CheckRows(
+        {
+            {0, false, "", ""},
+            {1, false, kConnectionLine, ""},
+            {2, false, kConnectionLine, ""},
+            {3, false, kConnectionLine, ""},
+            // Level 4 leaves the connection out.
+            {4, false, "", ""},
+            {0, true, kConnectionLine, ""},
+            {4, true, kConnectionLine, ""},
+        },
+        [&](TestTracker& tracker, bool force) {
+            tracker.printServerConnection(kTag, connection, force, nullptr, "caller-label");
+        });
+}
+
+TEST_F(TracerTest, ServerConnectionNeverTouchesTheClientLibrary) {
+    TezaServerConnection connection = Connection();
+    TestTracker tracker("volume-rename", 3);
+    const bool force = false;
+    CapturedStdout(
+        [&] { tracker.printServerConnection(kTag, connection, force, nullptr, nullptr); });
+    EXPECT_TRUE(rkdouble::Calls().empty());
+}
+
+// --- printTezaFailed -----------------------------------------------------------------------
+
+TEST_F(TracerTest, TezaFailedAtEveryLevel) {
+    TezaServerConnection connection = Connection();
+    TezaStatus failure = Failure();
+    CheckRows(
+        {
+            {0, false, "", ""},
+            {1, false, kFailedLine, ""},
+            {2, false, kFailedLine, ""},
+            {3, false, kFailedLine, ""},
+            {4, false, kFailedLine, ""},
+            {0, true, kFailedLine, ""},
+            {4, true, kFailedLine, ""},
+        },
+        [&](TestTracker& tracker, bool force) {
+            tracker.printTezaFailed(kTag, connection, failure, force, nullptr, "caller-label");
+        });
+}
+
+TEST_F(TracerTest, TezaFailedPrintsTheReasonAsItIs) {
+    TezaServerConnection connection = Connection();
+    TezaStatus failure(TezaStatus::ConnectionFailed, "", -1);
+    TestTracker tracker("volume-rename", 1);
+    const bool force = false;
+    EXPECT_EQ(CapturedStdout([&] {
+                  tracker.printTezaFailed(kTag, connection, failure, force, nullptr, nullptr);
+              }),
+              kNone + "Host: srv1 Teza failed. Request: <volume-rename> Error: -1 Reason: \n");
+}
+
+// --- One call, traced step by step ---------------------------------------------------------
+
+// The order in which a call with input traces itself: request, connection, response, and on
+// failure the failure line.
+std::string TraceCall(TestTracker& tracker, rk_elem_t* request, rk_elem_t* response,
+                      const TezaServerConnection& connection, bool failed) {
+    const bool force = false;
+    const TezaStatus failure(TezaStatus::ApiFailed, "disk full", 13001);
+    return CapturedStdout([&] {
+        tracker.printRequest(kTag, request, force, nullptr, nullptr);
+        tracker.printServerConnection(kTag, connection, force, nullptr, nullptr);
+        tracker.printResponse(kTag, response, force, nullptr, nullptr);
+        if (failed) {
+            tracker.printTezaFailed(kTag, connection, failure, force, nullptr, nullptr);
+        }
+    });
+}
+
+TEST_F(TracerTest, LevelFourCallIsSilentWhenItPasses) {
+    ElemPtr request = Request();
+    ElemPtr passed = PassedResult();
+    TezaServerConnection connection = Connection();
+    TestTracker tracker("volume-rename", 4);
+    EXPECT_EQ(TraceCall(tracker, request.get(), passed.get(), connection, false), "");
+}
+
+TEST_F(TracerTest, LevelFourCallWritesRequestResponseAndFailureWhenItFails) {
+    ElemPtr request = Request();
+    ElemPtr failed = FailedResult();
+    TezaServerConnection connection = Connection();
+    TestTracker tracker("volume-rename", 4);
+    EXPECT_EQ(TraceCall(tracker, request.get(), failed.get(), connection, true),
+              kFullRequest + kFullFailed + kFailedLine);
+}
+
+TEST_F(TracerTest, LevelThreeCallWritesEveryStep) {
+    ElemPtr request = Request();
+    ElemPtr failed = FailedResult();
+    TezaServerConnection connection = Connection();
+    TestTracker tracker("volume-rename", 3);
+    EXPECT_EQ(TraceCall(tracker, request.get(), failed.get(), connection, true),
+              kFullRequest + kConnectionLine + kFullFailed + kFailedLine);
+}
+
+TEST_F(TracerTest, LevelOneCallWritesTheShortLines) {
+    ElemPtr request = Request();
+    ElemPtr failed = FailedResult();
+    TezaServerConnection connection = Connection();
+    TestTracker tracker("volume-rename", 1);
+    EXPECT_EQ(TraceCall(tracker, request.get(), failed.get(), connection, true),
+              kConnectionLine + kEmptyResponseLine + kFailedLine);
 }
 
 // --- The runtime's own hook ----------------------------------------------------------------
