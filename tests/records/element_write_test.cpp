@@ -4,6 +4,7 @@
 #include <stdint.h>
 
 #include <algorithm>
+#include <bitset>
 #include <limits>
 #include <string>
 #include <thread>
@@ -325,6 +326,45 @@ TEST_F(ElementWrite, EmptyNestedTypedefArrayWritesWrapperAndChain) {
               "    </owner-ref>\n"
               "  </aliases3>\n"
               "  <plains/>\n"
+              "</in>\n");
+}
+
+// A record whose nested-typedef fields are named like their types.
+const char* const kSameNames[] = {"owner-info", "owner-alias"};
+const TezaFieldTypeMetaData::TezaBasicType kSameTypes[] = {TezaFieldTypeMetaData::TYPEDEF_TYPE,
+                                                           TezaFieldTypeMetaData::TYPEDEF_TYPE};
+const char* const kSameTypeNames[] = {"owner-info", "owner-alias"};
+const std::bitset<256> kSameNestedTypedef(3);
+const std::bitset<256> kNone;
+const TezaFieldTypeMetaData kSameMetaData("store", "same-names", 2, kSameNames, kSameTypes,
+                                          kSameTypeNames, kNone, kNone, kNone, kNone, kNone,
+                                          kSameNestedTypedef);
+
+class SameNames : public TezaFieldType {
+  public:
+    SameNames() : TezaFieldType(kSameMetaData) {}
+    ~SameNames() override { clear(); }
+    const TezaFieldTypeMetaData& getMetaData() const override { return kSameMetaData; }
+};
+
+TEST_F(ElementWrite, NestedTypedefNamedLikeItsTypeStillGetsTheFieldElement) {
+    SameNames record;
+    record.setFieldValue(0, OwnerWithId(1));  // owner-info: empty hierarchy
+    record.setFieldValue(1, OwnerWithId(2));  // owner-alias -> [owner-info]
+    EXPECT_EQ(Write(record),
+              "<in>\n"
+              "  <owner-info>\n"
+              "    <owner-info>\n"
+              "      <id>1</id>\n"
+              "    </owner-info>\n"
+              "  </owner-info>\n"
+              "  <owner-alias>\n"
+              "    <owner-alias>\n"
+              "      <owner-info>\n"
+              "        <id>2</id>\n"
+              "      </owner-info>\n"
+              "    </owner-alias>\n"
+              "  </owner-alias>\n"
               "</in>\n");
 }
 

@@ -78,7 +78,8 @@ std::vector<std::string> TezaNamespaceFactory::getNestedTypedefHierarchy(
 // of the factory's hierarchy when there is one. Returned by value: the hierarchy is a
 // temporary list.
 static std::string __getLowestLevelTypeName(const TezaFieldTypeMetaData& md, int fieldPos) {
-    std::string typeName = md.getFieldTypeStr(fieldPos);
+    const char* fieldTypeName = md.getFieldTypeStr(fieldPos);
+    std::string typeName = fieldTypeName == NULL ? "" : fieldTypeName;
     if (md.isFieldNestedTypedef(fieldPos)) {
         std::vector<std::string> hierarchy =
             TezaNamespaceFactory::getNestedTypedefHierarchy(md.getNamespace(), typeName);
