@@ -11,24 +11,32 @@
 #include <signal.h>
 #include <stdio.h>
 #include <strings.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <mutex>
 #include <utility>
+#include <vector>
 
 namespace tezad {
 
 namespace {
 
+using Clock = std::chrono::steady_clock;
+
 const char kPath[] = "/teza";
 const char kXml[] = "application/xml; charset=utf-8";
 // Calls served on one connection before it is closed; announced in the Keep-Alive header.
 const size_t kMaxCallsPerConnection = 100000;
-// How often a connection waiting for its next call looks whether the server is stopping.
+// The longest a waiting thread sleeps before it looks whether the server is stopping.
 const int kStopPollMs = 100;
 
 std::string OpenSslError() {
@@ -42,13 +50,42 @@ std::string OpenSslError() {
     return text;
 }
 
-// One accepted connection, plain or TLS, as the stream cpp-httplib reads requests from and
-// writes answers to. Reads are buffered: httplib reads request lines a byte at a time.
-class ConnectionStream final : public httplib::Stream {
+int MillisecondsUntil(Clock::time_point deadline) {
+    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+    return static_cast<int>(std::max<int64_t>(0, std::min<int64_t>(left.count(), INT32_MAX)));
+}
+
+void Signal(int event, uint64_t count = 1) {
+    ssize_t written = write(event, &count, sizeof count);
+    (void)written;  // an eventfd counter cannot overflow at these counts
+}
+
+// One accepted connection, plain or TLS: the stream cpp-httplib reads requests from and
+// writes answers to, and its state between calls. Reads are buffered: httplib reads request
+// lines a byte at a time. One worker uses a connection at a time.
+class Connection final : public httplib::Stream {
   public:
-    ConnectionStream(int fd, SSL* ssl, int timeoutMs) : _fd(fd), _ssl(ssl), _timeoutMs(timeoutMs) {}
-    ConnectionStream(const ConnectionStream&) = delete;
-    ConnectionStream& operator=(const ConnectionStream&) = delete;
+    Connection(int fd, int timeoutMs) : _fd(fd), _timeoutMs(timeoutMs), _idleSince(Clock::now()) {}
+    ~Connection() override {
+        if (_ssl != nullptr) {
+            SSL_free(_ssl);
+        }
+        ::close(_fd);
+    }
+    Connection(const Connection&) = delete;
+    Connection& operator=(const Connection&) = delete;
+
+    // TLS: the server's side of the handshake, once, before the first request.
+    bool Handshake(SSL_CTX* tls, std::string* error) {
+        _ssl = SSL_new(tls);
+        if (_ssl == nullptr || SSL_set_fd(_ssl, _fd) != 1 || SSL_accept(_ssl) != 1) {
+            *error = OpenSslError();
+            return false;
+        }
+        return true;
+    }
+    bool secured() const { return _ssl != nullptr; }
+    SSL* ssl() const { return _ssl; }
 
     bool is_readable() const override { return Buffered() || Poll(POLLIN, _timeoutMs); }
     bool is_writable() const override { return !_aborted && Poll(POLLOUT, _timeoutMs); }
@@ -88,19 +125,9 @@ class ConnectionStream final : public httplib::Stream {
     }
     int socket() const override { return _fd; }
 
-    // Waits until the next request begins to arrive: false when the connection stayed idle
-    // for `idleMs`, or the server is stopping.
-    bool WaitForRequest(int idleMs, const std::atomic<bool>& stopping) const {
-        auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(idleMs);
-        while (!stopping.load()) {
-            if (Buffered() || Poll(POLLIN, kStopPollMs)) {
-                return true;
-            }
-            if (std::chrono::steady_clock::now() >= deadline) {
-                return false;
-            }
-        }
-        return false;
+    // Bytes of the next request already read from the socket.
+    bool Buffered() const {
+        return _offset < _length || (_ssl != nullptr && SSL_pending(_ssl) > 0);
     }
 
     // No more is written; Close drops the connection, or resets it when `reset`.
@@ -109,16 +136,18 @@ class ConnectionStream final : public httplib::Stream {
         _reset = reset;
     }
     bool aborted() const { return _aborted; }
+
     void CountCall() { ++_calls; }
     size_t calls() const { return _calls; }
+    size_t requests = 0;  // requests read, answered or not
 
-    void Close() {
-        if (_ssl != nullptr) {
-            if (!_aborted) {
-                SSL_shutdown(_ssl);  // our close_notify; the peer's is not waited for
-            }
-            SSL_free(_ssl);
-            _ssl = nullptr;
+    void MarkIdle() { _idleSince = Clock::now(); }
+    Clock::time_point idleSince() const { return _idleSince; }
+
+    // Ends the connection: TLS close_notify (not waited for) and FIN, or RST after Abort(true).
+    void Shutdown() {
+        if (_ssl != nullptr && !_aborted) {
+            SSL_shutdown(_ssl);
         }
         if (_reset) {
             struct linger hard = {1, 0};  // close sends RST
@@ -126,14 +155,20 @@ class ConnectionStream final : public httplib::Stream {
         } else {
             ::shutdown(_fd, SHUT_RDWR);
         }
-        ::close(_fd);
+    }
+
+    // Ends sending (after any TLS alert) and reads what the peer still sends until it closes,
+    // for at most a second, so that closing does not reset the connection.
+    void Linger() {
+        ::shutdown(_fd, SHUT_WR);
+        const Clock::time_point deadline = Clock::now() + std::chrono::seconds(1);
+        char discard[4096];
+        while (Poll(POLLIN, MillisecondsUntil(deadline)) &&
+               ::recv(_fd, discard, sizeof discard, 0) > 0) {
+        }
     }
 
   private:
-    bool Buffered() const {
-        return _offset < _length || (_ssl != nullptr && SSL_pending(_ssl) > 0);
-    }
-
     bool Poll(short events, int timeoutMs) const {
         struct pollfd p = {_fd, events, 0};
         return ::poll(&p, 1, timeoutMs) > 0;
@@ -184,18 +219,27 @@ class ConnectionStream final : public httplib::Stream {
     }
 
     const int _fd;
-    SSL* _ssl;
+    SSL* _ssl = nullptr;
     const int _timeoutMs;
     bool _aborted = false;
     bool _reset = false;
-    size_t _calls = 0;  // calls answered
+    size_t _calls = 0;
+    Clock::time_point _idleSince;
     char _buffer[16384];
     size_t _offset = 0;
     size_t _length = 0;
 };
 
-// The connection served by the calling pool thread, for the handler's scripted faults.
-thread_local ConnectionStream* tConnection = nullptr;
+// cpp-httplib hands each accepted socket to its task queue; this one runs the hand-over to
+// the connection pool at once, on the accepting thread.
+class InlineQueue final : public httplib::TaskQueue {
+  public:
+    void enqueue(std::function<void()> fn) override { fn(); }
+    void shutdown() override {}
+};
+
+// The connection whose request the calling worker is answering, for scripted faults.
+thread_local Connection* tConnection = nullptr;
 
 std::string DecodeBase64(std::string text) {
     while (!text.empty() && (text.back() == ' ' || text.back() == '\t')) {
@@ -287,87 +331,324 @@ SSL_CTX* NewTlsContext(const HttpOptions& o, std::string* error) {
 
 class HttpFrontEnd::Server final : public httplib::Server {
   public:
-    // Takes over `tls` (null for plain HTTP).
-    Server(ServiceCore* core, const HttpOptions& options, SSL_CTX* tls)
-        : _core(core), _options(options), _tls(tls) {
+    Server(ServiceCore* core, const HttpOptions& options) : _core(core) {
         set_tcp_nodelay(true);
         set_keep_alive_max_count(kMaxCallsPerConnection);
         set_keep_alive_timeout(options.keepAliveSeconds);
         set_read_timeout(options.readTimeoutSeconds, 0);
         set_write_timeout(options.readTimeoutSeconds, 0);
         set_payload_max_length(options.maxRequestBytes);
-        const size_t threads = options.threads > 0 ? static_cast<size_t>(options.threads) : 1;
-        new_task_queue = [threads] { return new httplib::ThreadPool(threads); };
+        new_task_queue = [] { return new InlineQueue; };
         Post(kPath,
              [this](const httplib::Request& req, httplib::Response& res) { Answer(req, res); });
     }
-    ~Server() override { SSL_CTX_free(_tls); }
 
-    void BeginStop() { _stopping.store(true); }
-    void MarkEnded() { _ended.store(true); }
-    bool ended() const { return _ended.load(); }
+    void SetPool(ConnectionPool* pool) { _pool = pool; }
+
+    // Reads one request from `c` and answers it; false when the connection is to be closed.
+    bool ServeRequest(Connection& c, bool last) {
+        bool closedByClient = false;
+        ++c.requests;
+        bool ok = process_request(c, last, closedByClient,
+                                  [&c](httplib::Request& req) { req.ssl = c.ssl(); });
+        c.MarkIdle();
+        return ok && !closedByClient && !c.aborted() && !last;
+    }
 
   private:
     bool process_and_close_socket(socket_t sock) override;
     void Answer(const httplib::Request& req, httplib::Response& res);
 
     ServiceCore* const _core;
+    ConnectionPool* _pool = nullptr;
+};
+
+// The workers and the watcher of parked connections. Every connection is owned by exactly
+// one of: a worker serving it, the ready queue, or the parked set.
+class HttpFrontEnd::ConnectionPool {
+  public:
+    // Takes over `tls` (null for plain HTTP).
+    ConnectionPool(Server* server, ServiceCore* core, const HttpOptions& options, SSL_CTX* tls)
+        : _server(server), _core(core), _options(options), _tls(tls) {
+        _readyEvent = eventfd(0, EFD_NONBLOCK | EFD_SEMAPHORE | EFD_CLOEXEC);
+        _parkEvent = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    }
+    ~ConnectionPool() {
+        Stop();
+        close(_readyEvent);
+        close(_parkEvent);
+        SSL_CTX_free(_tls);
+    }
+    ConnectionPool(const ConnectionPool&) = delete;
+    ConnectionPool& operator=(const ConnectionPool&) = delete;
+
+    bool valid() const { return _readyEvent >= 0 && _parkEvent >= 0; }
+
+    // Starts the threads; they inherit the caller's signal mask.
+    void Start() {
+        const int workers = std::max(1, _options.threads);
+        for (int i = 0; i < workers; ++i) {
+            _workers.emplace_back([this] { Work(); });
+        }
+        _watcher = std::thread([this] { Watch(); });
+    }
+
+    // Takes over a socket just accepted.
+    void Adopt(int fd) {
+        _core->CountConnection();
+        // Answers leave at once instead of waiting for the client's acknowledgement. Fails
+        // harmlessly on a Unix socket.
+        int one = 1;
+        setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+        // Bounds the blocking TLS handshake and TLS record reads.
+        struct timeval timeout = {_options.readTimeoutSeconds, 0};
+        setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+        setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
+        std::unique_ptr<Connection> c;
+        try {
+            c = std::make_unique<Connection>(fd, _options.readTimeoutSeconds * 1000);
+        } catch (...) {
+            ::close(fd);
+            _core->CountConnectionClosed();
+            return;
+        }
+        std::lock_guard<std::mutex> lock(_mutex);
+        PushReady(std::move(c));
+    }
+
+    // Answers the calls in progress, closes every connection and ends the threads.
+    void Stop() {
+        {
+            std::lock_guard<std::mutex> lock(_mutex);
+            if (_stopping) {
+                return;
+            }
+            _stopping = true;
+        }
+        _workAvailable.notify_all();
+        Signal(_readyEvent, _workers.size() + 1);
+        Signal(_parkEvent);
+        for (std::thread& worker : _workers) {
+            worker.join();
+        }
+        if (_watcher.joinable()) {
+            _watcher.join();
+        }
+    }
+
+  private:
+    enum class Next { Request, Park, Close };
+
+    // REQUIRES: `_mutex` held.
+    void PushReady(std::unique_ptr<Connection> c) {
+        _ready.push_back(std::move(c));
+        if (_idleWorkers > 0) {
+            _workAvailable.notify_one();
+        } else {
+            // Every worker holds a connection: ask one of them to park its idle one.
+            Signal(_readyEvent);
+        }
+    }
+
+    void Work() {
+        for (;;) {
+            std::unique_ptr<Connection> c;
+            {
+                std::unique_lock<std::mutex> lock(_mutex);
+                ++_idleWorkers;
+                _workAvailable.wait(lock, [this] { return _stopping || !_ready.empty(); });
+                --_idleWorkers;
+                if (_ready.empty()) {
+                    return;
+                }
+                c = std::move(_ready.front());
+                _ready.pop_front();
+                if (_ready.empty() && !_stopping) {
+                    // Requests for help that nobody needs any more would park connections
+                    // for nothing.
+                    uint64_t ignored;
+                    while (read(_readyEvent, &ignored, sizeof ignored) > 0) {
+                    }
+                }
+            }
+            Serve(std::move(c));
+        }
+    }
+
+    void Serve(std::unique_ptr<Connection> c) {
+        if (_tls != nullptr && !c->secured()) {
+            std::string error;
+            if (!c->Handshake(_tls, &error)) {
+                if (_options.verbose) {
+                    fprintf(stderr, "tezad: TLS handshake failed: %s\n", error.c_str());
+                }
+                // Under TLS 1.3 the client may already be sending its request: closing at once
+                // would reset the connection and lose the alert that tells it why.
+                c->Linger();
+                Close(std::move(c));
+                return;
+            }
+        }
+        for (;;) {
+            switch (WaitForRequest(*c)) {
+                case Next::Park:
+                    Park(std::move(c));
+                    return;
+                case Next::Close:
+                    Close(std::move(c));
+                    return;
+                case Next::Request:
+                    break;
+            }
+            tConnection = c.get();
+            bool keep =
+                _server->ServeRequest(*c, Stopping() || c->requests + 1 >= kMaxCallsPerConnection);
+            tConnection = nullptr;
+            if (!keep) {
+                Close(std::move(c));
+                return;
+            }
+        }
+    }
+
+    // Waits on the worker's connection for its next request, giving it up when another
+    // connection needs a worker, when it stayed idle too long, or when the server stops.
+    Next WaitForRequest(Connection& c) {
+        const Clock::time_point deadline =
+            c.idleSince() + std::chrono::seconds(_options.keepAliveSeconds);
+        for (;;) {
+            if (Stopping()) {
+                return Next::Close;
+            }
+            if (c.Buffered()) {
+                return Next::Request;
+            }
+            struct pollfd fds[2] = {{c.socket(), POLLIN, 0}, {_readyEvent, POLLIN, 0}};
+            int n = poll(fds, 2, std::min(kStopPollMs, MillisecondsUntil(deadline)));
+            if (n > 0 && fds[0].revents != 0) {
+                return Next::Request;  // a request, or the client's close
+            }
+            if (n > 0 && (fds[1].revents & POLLIN) != 0) {
+                uint64_t one;
+                if (read(_readyEvent, &one, sizeof one) > 0) {
+                    return Stopping() ? Next::Close : Next::Park;
+                }
+            }
+            if (Clock::now() >= deadline) {
+                return Next::Close;
+            }
+        }
+    }
+
+    void Park(std::unique_ptr<Connection> c) {
+        {
+            std::lock_guard<std::mutex> lock(_mutex);
+            if (!_stopping) {
+                _parked.push_back(std::move(c));
+            }
+        }
+        if (c != nullptr) {
+            Close(std::move(c));
+        } else {
+            Signal(_parkEvent);
+        }
+    }
+
+    // Hands parked connections back to the workers when their next request arrives, and
+    // closes those that stayed idle too long.
+    void Watch() {
+        const auto keepAlive = std::chrono::seconds(_options.keepAliveSeconds);
+        for (;;) {
+            std::vector<struct pollfd> fds;
+            Clock::time_point next = Clock::now() + std::chrono::seconds(60);
+            {
+                std::lock_guard<std::mutex> lock(_mutex);
+                if (_stopping) {
+                    break;
+                }
+                fds.push_back({_parkEvent, POLLIN, 0});
+                for (const auto& c : _parked) {
+                    fds.push_back({c->socket(), POLLIN, 0});
+                    next = std::min(next, c->idleSince() + keepAlive);
+                }
+            }
+            poll(fds.data(), fds.size(), MillisecondsUntil(next));
+            uint64_t ignored;
+            while (read(_parkEvent, &ignored, sizeof ignored) > 0) {
+            }
+            std::vector<std::unique_ptr<Connection>> expired;
+            {
+                std::lock_guard<std::mutex> lock(_mutex);
+                const Clock::time_point now = Clock::now();
+                // Workers only append to `_parked`, so the first entries are those polled.
+                std::vector<std::unique_ptr<Connection>> still;
+                for (size_t i = 0; i < _parked.size(); ++i) {
+                    bool polled = i + 1 < fds.size();
+                    if (polled && fds[i + 1].revents != 0) {
+                        PushReady(std::move(_parked[i]));
+                    } else if (_parked[i]->idleSince() + keepAlive <= now) {
+                        expired.push_back(std::move(_parked[i]));
+                    } else {
+                        still.push_back(std::move(_parked[i]));
+                    }
+                }
+                _parked = std::move(still);
+            }
+            for (auto& c : expired) {
+                Close(std::move(c));
+            }
+        }
+        std::vector<std::unique_ptr<Connection>> left;
+        {
+            std::lock_guard<std::mutex> lock(_mutex);
+            left = std::move(_parked);
+            _parked.clear();
+        }
+        for (auto& c : left) {
+            Close(std::move(c));
+        }
+    }
+
+    void Close(std::unique_ptr<Connection> c) {
+        std::string ip;
+        int port = 0;
+        c->get_remote_ip_and_port(ip, port);
+        const size_t calls = c->calls();
+        c->Shutdown();
+        c.reset();
+        _core->CountConnectionClosed();
+        if (_options.verbose) {
+            fprintf(stderr, "tezad: connection from %s:%d closed after %zu calls; %s\n", ip.c_str(),
+                    port, calls, _core->CountersLine().c_str());
+        }
+    }
+
+    bool Stopping() {
+        std::lock_guard<std::mutex> lock(_mutex);
+        return _stopping;
+    }
+
+    Server* const _server;
+    ServiceCore* const _core;
     const HttpOptions _options;
     SSL_CTX* const _tls;
-    std::atomic<bool> _stopping{false};
-    std::atomic<bool> _ended{false};  // the accept loop has returned
+    int _readyEvent;  // a request for help: a worker holding an idle connection parks it
+    int _parkEvent;   // wakes the watcher: the parked set grew, or the server stops
+    std::vector<std::thread> _workers;
+    std::thread _watcher;
+
+    std::mutex _mutex;
+    std::condition_variable _workAvailable;
+    // Guarded by `_mutex`.
+    std::deque<std::unique_ptr<Connection>> _ready;
+    std::vector<std::unique_ptr<Connection>> _parked;
+    int _idleWorkers = 0;
+    bool _stopping = false;
 };
 
 bool HttpFrontEnd::Server::process_and_close_socket(socket_t sock) {
-    _core->CountConnection();
-    // Answers leave at once instead of waiting for the client's acknowledgement. Fails
-    // harmlessly on a Unix socket.
-    int one = 1;
-    setsockopt(sock, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
-    // Bounds the blocking TLS handshake and TLS record reads.
-    struct timeval timeout = {_options.readTimeoutSeconds, 0};
-    setsockopt(sock, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
-    setsockopt(sock, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
-
-    SSL* ssl = nullptr;
-    if (_tls != nullptr) {
-        ssl = SSL_new(_tls);
-        if (ssl == nullptr || SSL_set_fd(ssl, sock) != 1 || SSL_accept(ssl) != 1) {
-            if (_options.verbose) {
-                fprintf(stderr, "tezad: TLS handshake failed: %s\n", OpenSslError().c_str());
-            }
-            ERR_clear_error();
-            SSL_free(ssl);
-            ::close(sock);
-            _core->CountConnectionClosed();
-            return false;
-        }
-    }
-    ConnectionStream stream(sock, ssl, _options.readTimeoutSeconds * 1000);
-    tConnection = &stream;
-    size_t requests = 0;
-    bool ok = true;
-    while (requests < kMaxCallsPerConnection &&
-           stream.WaitForRequest(_options.keepAliveSeconds * 1000, _stopping)) {
-        bool closedByClient = false;
-        ++requests;
-        ok = process_request(stream, _stopping.load() || requests == kMaxCallsPerConnection,
-                             closedByClient, [ssl](httplib::Request& req) { req.ssl = ssl; });
-        if (!ok || closedByClient || stream.aborted()) {
-            break;
-        }
-    }
-    tConnection = nullptr;
-    std::string ip;
-    int port = 0;
-    stream.get_remote_ip_and_port(ip, port);
-    stream.Close();
-    _core->CountConnectionClosed();
-    if (_options.verbose) {
-        fprintf(stderr, "tezad: connection from %s:%d closed after %zu calls; %s\n", ip.c_str(),
-                port, stream.calls(), _core->CountersLine().c_str());
-    }
-    return ok;
+    _pool->Adopt(sock);
+    return true;
 }
 
 void HttpFrontEnd::Server::Answer(const httplib::Request& req, httplib::Response& res) {
@@ -428,7 +709,18 @@ bool HttpFrontEnd::Start(std::string* error) {
             return false;
         }
     }
-    _server = std::make_unique<Server>(_core, _options, tls);
+    _server = std::make_unique<Server>(_core, _options);
+    _pool = std::make_unique<ConnectionPool>(_server.get(), _core, _options, tls);
+    _server->SetPool(_pool.get());
+    auto fail = [&](const std::string& what) {
+        *error = what;
+        _pool.reset();
+        _server.reset();
+        return false;
+    };
+    if (!_pool->valid()) {
+        return fail("cannot create an eventfd");
+    }
     if (!_options.unixPath.empty()) {
         // A socket file left by a server that ended without cleaning up is replaced; any
         // other file is not.
@@ -438,41 +730,39 @@ bool HttpFrontEnd::Start(std::string* error) {
         }
         _server->set_address_family(AF_UNIX);
         if (!_server->bind_to_port(_options.unixPath, 80)) {
-            *error = "cannot listen on the Unix socket " + _options.unixPath;
-            _server.reset();
-            return false;
+            return fail("cannot listen on the Unix socket " + _options.unixPath);
         }
         _port = 0;
     } else if (_options.port == 0) {
         _port = _server->bind_to_any_port(_options.address);
         if (_port < 0) {
-            *error = "cannot listen on " + _options.address;
-            _server.reset();
-            return false;
+            return fail("cannot listen on " + _options.address);
         }
     } else {
         if (!_server->bind_to_port(_options.address, _options.port)) {
-            *error =
-                "cannot listen on " + _options.address + " port " + std::to_string(_options.port);
-            _server.reset();
-            return false;
+            return fail("cannot listen on " + _options.address + " port " +
+                        std::to_string(_options.port));
         }
         _port = _options.port;
     }
+
+    // The threads inherit this mask: a peer that closes its end must not kill the process,
+    // and stop signals belong to the controlling thread.
+    sigset_t blocked;
+    sigset_t previous;
+    sigemptyset(&blocked);
+    sigaddset(&blocked, SIGPIPE);
+    sigaddset(&blocked, SIGINT);
+    sigaddset(&blocked, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &blocked, &previous);
+    _pool->Start();
     _listener = std::thread([this] {
-        // The pool threads start from this thread and inherit its mask: a peer that closes
-        // its end must not kill the process, and stop signals belong to the main thread.
-        sigset_t blocked;
-        sigemptyset(&blocked);
-        sigaddset(&blocked, SIGPIPE);
-        sigaddset(&blocked, SIGINT);
-        sigaddset(&blocked, SIGTERM);
-        pthread_sigmask(SIG_BLOCK, &blocked, nullptr);
         _server->listen_after_bind();
-        _server->MarkEnded();
+        _listenerEnded = true;
     });
+    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
     // stop() only works once the accept loop runs.
-    while (!_server->is_running() && !_server->ended()) {
+    while (!_server->is_running() && !_listenerEnded.load()) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     return true;
@@ -493,15 +783,16 @@ void HttpFrontEnd::Stop() {
     if (_server == nullptr) {
         return;
     }
-    _server->BeginStop();
     _core->Stop();
     _server->stop();
     if (_listener.joinable()) {
         _listener.join();
     }
+    _pool->Stop();
     if (!_options.unixPath.empty()) {
         unlink(_options.unixPath.c_str());
     }
+    _pool.reset();
     _server.reset();
 }
 

@@ -1,7 +1,13 @@
 // The HTTP(S) front end of tezad: accepts connections on a TCP port or a Unix socket, reads
 // TEZA calls (POST /teza), hands them to a ServiceCore and sends its replies, scripted faults
-// included. cpp-httplib parses and writes the HTTP; this class owns the connections: one pool
-// thread serves one connection, with keep-alive, TCP_NODELAY and optional TLS.
+// included. cpp-httplib parses and writes the HTTP; this class owns the connections, with
+// keep-alive, TCP_NODELAY and optional TLS.
+//
+// A pool of worker threads serves the connections. A worker stays with its connection while
+// no other connection waits for a worker, so that a busy client pays no hand-over between
+// calls; an idle connection is otherwise parked with a watcher thread, which hands it back to
+// the pool when its next request arrives. Open connections are therefore not limited by the
+// number of workers.
 //
 // Start, Stop and the accessors are called from one controlling thread.
 #ifndef TEZAD_HTTP_HTTP_FRONT_END_H_
@@ -9,6 +15,7 @@
 
 #include <stddef.h>
 
+#include <atomic>
 #include <memory>
 #include <string>
 #include <thread>
@@ -51,14 +58,17 @@ class HttpFrontEnd {
     // progress is answered, and waits for the serving threads.
     void Stop();
 
-    class Server;  // the cpp-httplib server that owns the connections
+    class Server;          // the cpp-httplib server
+    class ConnectionPool;  // the workers and the watcher
 
   private:
     ServiceCore* const _core;
     const HttpOptions _options;
     int _port = 0;
     std::unique_ptr<Server> _server;
+    std::unique_ptr<ConnectionPool> _pool;
     std::thread _listener;
+    std::atomic<bool> _listenerEnded{false};
 };
 
 }  // namespace tezad
