@@ -107,6 +107,29 @@ TEST_F(ScriptedFaults, DroppedConnection) {
     EXPECT_EQ(outcome.reason, _endpoint + " closed the connection without an answer");
 }
 
+TEST_F(ScriptedFaults, DropOnAReusedConnectionIsSentOnceMore) {
+    ServerConfig config;
+    config.script = "job-get times=1 drop\njob-get pass <job-id>3</job-id>\n";
+    TestServer server(config);
+    ServerPtr h = OpenHandle("127.0.0.1", server.port());
+    ASSERT_EQ(Call(h.get(), "system-get-corvi-version").status, 1);
+    // libcurl takes a reused connection closed before any byte of an answer for one the
+    // server closed while idle, and sends the call once more on a new connection.
+    EXPECT_EQ(Call(h.get(), "job-get").status, 1);
+    EXPECT_EQ(server.core().GetCounters().callsPerApi["job-get"], 2u);
+    EXPECT_EQ(server.core().GetCounters().connections, 2u);
+}
+
+TEST_F(ScriptedFaults, DropOnEveryAttemptFails) {
+    ServerConfig config;
+    config.script = "job-get drop\n";
+    TestServer server(config);
+    ServerPtr h = OpenHandle("127.0.0.1", server.port());
+    ASSERT_EQ(Call(h.get(), "system-get-corvi-version").status, 1);
+    EXPECT_EQ(Call(h.get(), "job-get").errnum, RK_ERR_CLOSED);
+    EXPECT_EQ(server.core().GetCounters().callsPerApi["job-get"], 2u);
+}
+
 TEST_F(ScriptedFaults, RefusedCallResetsTheConnection) {
     Outcome outcome = CallScripted("job-get refuse\n", "job-get");
     EXPECT_EQ(outcome.errnum, RK_ERR_RECV) << outcome;

@@ -118,8 +118,8 @@ RK_API int rk_server_set_transport_type(rk_server_t* server, int transport, cons
 RK_API int rk_server_set_port(rk_server_t* server, int port);
 RK_API int rk_server_set_admin_user(rk_server_t* server, const char* login, const char* password);
 /* Seconds for connecting and for each whole call; 0 (the default) or less means no limit of
- * the library's own (connecting then ends when the system gives up). The in-process transport
- * has no time-out. */
+ * the library's own (libcurl's default limit of 300 s on connecting still applies). The
+ * in-process transport has no time-out. */
 RK_API int rk_server_set_timeout(rk_server_t* server, int seconds);
 /* HTTPS: the PEM file of the certificates that the server's certificate must chain to; null
  * or "" uses the system's trusted certificates (the default). */

@@ -288,9 +288,17 @@ rk_elem* CurlConnection::TransferFailure(CURLcode code, const ServerSettings& s)
             return ResultsNewFailedWire(
                 "the answer of " + _endpoint + " is not understandable HTTP/1.1: " + detail,
                 RK_ERR_PROTOCOL);
-        case CURLE_UNSUPPORTED_PROTOCOL:
+        case CURLE_UNSUPPORTED_PROTOCOL: {
+            // Once connected, this is an answer without an HTTP status line (HTTP/0.9).
+            curl_off_t pretransfer = 0;
+            curl_easy_getinfo(_easy, CURLINFO_PRETRANSFER_TIME_T, &pretransfer);
+            if (pretransfer != 0) {
+                return ResultsNewFailedWire(
+                    "the answer of " + _endpoint + " is not HTTP/1.1: " + detail, RK_ERR_PROTOCOL);
+            }
             return ResultsNewFailedWire("libcurl cannot call " + _endpoint + ": " + detail,
                                         RK_ERR_TRANSPORT);
+        }
         case CURLE_OUT_OF_MEMORY:
             return ResultsNewFailedWire("out of memory", RK_ERR_NO_MEMORY);
         default:
