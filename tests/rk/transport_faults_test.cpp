@@ -57,13 +57,15 @@ TEST_F(ScriptedFaults, EchoShowsTheRequestAsTheServerReadIt) {
     config.script = "echo-me echo\n";
     TestServer server(config);
     ServerPtr h = OpenHandle("127.0.0.1", server.port());
-    ElemPtr result(
-        rk_server_invoke(h.get(), "echo-me", "text", "1 < 2 & 'x'", "flag", "true", nullptr));
+    ElemPtr result(rk_server_invoke(h.get(), "echo-me", "text", "1 < 2 & 'x'", "flag", "true",
+                                    "empty", nullptr, nullptr));
     ASSERT_EQ(rk_results_status(result.get()), 1) << Read(result.get());
     rk_elem_t* request = rk_elem_child(result.get(), "echo-me");
     ASSERT_NE(request, nullptr);
     EXPECT_STREQ(rk_child_get_string(request, "text"), "1 &lt; 2 &amp; &apos;x&apos;");
     EXPECT_EQ(rk_child_get_bool(request, "flag", 0), 1);
+    // A null value is sent as the empty text.
+    EXPECT_STREQ(rk_child_get_string(request, "empty"), "");
 }
 
 TEST_F(ScriptedFaults, HttpErrorStatus) {

@@ -16,16 +16,13 @@ class TlsTransport : public ::testing::Test {
   protected:
     static void SetUpTestSuite() {
         ASSERT_NE(rk_startup(nullptr, 0), 0);
-        _dir = new TempDir;
+        _dir = std::make_unique<TempDir>();
         ASSERT_TRUE(MakeCertificate(*_dir, "server", "IP:127.0.0.1,DNS:localhost"));
         ASSERT_TRUE(MakeCertificate(*_dir, "stranger", "IP:127.0.0.1,DNS:localhost"));
         ASSERT_TRUE(MakeCertificate(*_dir, "elsewhere", "DNS:elsewhere.example"));
         ASSERT_TRUE(MakeCertificate(*_dir, "client", "DNS:client.example"));
     }
-    static void TearDownTestSuite() {
-        delete _dir;
-        _dir = nullptr;
-    }
+    static void TearDownTestSuite() { _dir.reset(); }
 
     static ServerConfig Tls(const std::string& name, const std::string& clientCa = "") {
         ServerConfig config;
@@ -45,10 +42,10 @@ class TlsTransport : public ::testing::Test {
         return h;
     }
 
-    static TempDir* _dir;
+    static std::unique_ptr<TempDir> _dir;
 };
 
-TempDir* TlsTransport::_dir = nullptr;
+std::unique_ptr<TempDir> TlsTransport::_dir;
 
 TEST_F(TlsTransport, TrustedServerAnswers) {
     TestServer server(Tls("server"));

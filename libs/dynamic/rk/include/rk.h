@@ -125,7 +125,8 @@ RK_API int rk_server_set_timeout(rk_server_t* server, int seconds);
  * or "" uses the system's trusted certificates (the default). */
 RK_API int rk_server_set_ca_file(rk_server_t* server, const char* path);
 /* HTTPS: a client certificate and its private key (PEM files) for servers that ask for one,
- * with the key's pass phrase or null; a null cert_path removes them. */
+ * with the key's pass phrase or null. A null key_path means the key is in the certificate's
+ * file; a null cert_path removes both. */
 RK_API int rk_server_set_client_cert(rk_server_t* server, const char* cert_path,
                                      const char* key_path, const char* key_passphrase);
 /* The largest answer body accepted, in bytes; 0 restores the default, RK_PARSE_MAX_BYTES. A

@@ -5,10 +5,7 @@
 #include <stdarg.h>
 
 #include <memory>
-#include <new>
 #include <string>
-#include <utility>
-#include <vector>
 
 #include "transport.h"
 
@@ -210,29 +207,17 @@ int rk_server_set_max_response_size(rk_server_t* server, size_t bytes) {
 }
 
 rk_elem_t* rk_server_invoke(rk_server_t* server, const char* api, ...) {
-    std::vector<std::pair<const char*, const char*>> pairs;
     va_list args;
     va_start(args, api);
-    bool collected = true;
-    try {
-        for (const char* name = va_arg(args, const char*); name != nullptr;
-             name = va_arg(args, const char*)) {
-            pairs.emplace_back(name, va_arg(args, const char*));
-        }
-    } catch (...) {
-        collected = false;
-    }
-    va_end(args);
-    return GuardedCall([&]() -> rk_elem* {
-        if (!collected) {
-            throw std::bad_alloc();
-        }
+    rk_elem* result = GuardedCall([&]() -> rk_elem* {
         if (api == nullptr || !rk::IsValidName(api)) {
             return rk::ResultsNewFailedWire(
                 "API name '" + Text(api) + "' is not a valid element name", RK_ERR_REQUEST);
         }
         std::unique_ptr<rk_elem, void (*)(rk_elem*)> request(rk::ElemNew(api), rk::ElemFree);
-        for (const auto& [name, value] : pairs) {
+        for (const char* name = va_arg(args, const char*); name != nullptr;
+             name = va_arg(args, const char*)) {
+            const char* value = va_arg(args, const char*);
             if (rk::ChildAddString(request.get(), name, value == nullptr ? "" : value) == nullptr) {
                 return rk::ResultsNewFailedWire(
                     "argument name '" + Text(name) + "' is not a valid element name",
@@ -241,6 +226,8 @@ rk_elem_t* rk_server_invoke(rk_server_t* server, const char* api, ...) {
         }
         return Invoke(server, request.get());
     });
+    va_end(args);
+    return result;
 }
 
 rk_elem_t* rk_server_invoke_elem(rk_server_t* server, rk_elem_t* request) {
