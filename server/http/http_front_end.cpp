@@ -434,6 +434,15 @@ class HttpFrontEnd::ConnectionPool {
         if (_watcher.joinable()) {
             _watcher.join();
         }
+        // Workers leave nothing behind; this is for a connection queued as they ended.
+        std::deque<std::unique_ptr<Connection>> left;
+        {
+            std::lock_guard<std::mutex> lock(_mutex);
+            left.swap(_ready);
+        }
+        for (auto& c : left) {
+            Close(std::move(c));
+        }
     }
 
   private:
@@ -584,7 +593,9 @@ class HttpFrontEnd::ConnectionPool {
                 std::vector<std::unique_ptr<Connection>> still;
                 for (size_t i = 0; i < _parked.size(); ++i) {
                     bool polled = i + 1 < fds.size();
-                    if (polled && fds[i + 1].revents != 0) {
+                    if (_stopping) {
+                        expired.push_back(std::move(_parked[i]));
+                    } else if (polled && fds[i + 1].revents != 0) {
                         PushReady(std::move(_parked[i]));
                     } else if (_parked[i]->idleSince() + keepAlive <= now) {
                         expired.push_back(std::move(_parked[i]));
