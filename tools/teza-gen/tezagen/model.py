@@ -324,11 +324,11 @@ def build(schemas):
             )
 
         for ns_decl in schema.namespaces:
-            checker.element_name(ns_decl.name, "namespace")
-            namespaces_seen.declare(ns_decl.name)
+            valid = checker.element_name(ns_decl.name, "namespace")
+            unique = namespaces_seen.declare(ns_decl.name)
             ns = Namespace(ns_decl.name.text)
             ns.cpp_name = not_keyword(snake(ns.name))
-            if checker.cpp_name(ns_decl.name, ns.cpp_name, "namespace"):
+            if valid and unique and checker.cpp_name(ns_decl.name, ns.cpp_name, "namespace"):
                 if ns.cpp_name.startswith("Teza"):
                     checker.error(
                         ns_decl.name.position,
