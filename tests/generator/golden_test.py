@@ -2,6 +2,7 @@
 
 import filecmp
 import os
+import re
 import shutil
 import subprocess
 import sys
@@ -102,6 +103,46 @@ class StabilityTest(unittest.TestCase):
         # No temporary files are left behind.
         self.assertEqual(sorted(os.listdir(out)),
                          ["everything.cpp", "everything.h", "teza_globals.cpp"])
+
+
+class DocumentationExampleTest(unittest.TestCase):
+    """The complete example of docs/schema.md generates what the page says it does."""
+
+    def test_example_generates_as_documented(self):
+        with open(os.path.join(goldens.ROOT, "docs", "schema.md"), encoding="utf-8") as f:
+            page = f.read()
+        match = re.search(r"`shop\.teza`:\n\n```\n(.*?)```", page, re.S)
+        self.assertIsNotNone(match, "the complete example is missing from docs/schema.md")
+        tmp = tempfile.mkdtemp(prefix="teza-gen-docs-")
+        self.addCleanup(shutil.rmtree, tmp)
+        with open(os.path.join(tmp, "shop.teza"), "w", encoding="utf-8") as f:
+            f.write(match.group(1))
+        result = subprocess.run(
+            [sys.executable, goldens.GENERATOR, "-o", "out", "shop.teza"],
+            cwd=tmp, capture_output=True, text=True,
+        )
+        self.assertEqual(result.returncode, 0, result.stderr)
+        files = read_tree(os.path.join(tmp, "out"))
+        self.assertEqual(sorted(files), ["shop.cpp", "shop.h", "teza_globals.cpp"])
+        header = files["shop.h"].decode()
+        source = files["shop.cpp"].decode()
+        for declaration in (
+            "    static constexpr int NUM_FIELDS = 18;",
+            "    bool getOldPrices(int& count, const Price*& values) const;",
+            "    TezaStatus articleGet(const ArticleGetRequest& input, ArticleGetReply& output);",
+            "    TezaStatus articleAdd(const Article& input);",
+            "    TezaStatus articleList(ArticleListReply& output);",
+            "    TezaStatus shopPing();",
+            "    static constexpr int INTERFACE_ID = 21;",
+        ):
+            self.assertIn(declaration + "\n", header)
+        # The typedef chains of the page's Typedefs section.
+        self.assertIn('static const char* const chain0[] = {"article-variant"};', source)
+        self.assertIn('static const char* const chain1[] = {"variant-info", "article-variant"};',
+                      source)
+        self.assertIn('{"variant-info", std::begin(chain0), std::end(chain0)},', source)
+        self.assertIn('{"variant-list", std::begin(chain1), std::end(chain1)},', source)
+        self.assertNotIn('"colour-name", std::begin', source)
 
 
 if __name__ == "__main__":
