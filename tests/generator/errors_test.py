@@ -380,6 +380,22 @@ class SchemaErrorTest(unittest.TestCase):
             "which TezaInterface already has; rename it",
         )
 
+    def test_names_of_the_runtime_are_refused(self):
+        self.assert_errors(
+            """\
+            namespace TezaNS {
+                type teza-field-type { a : int32; }
+                family teza-interface id 1 { }
+            }
+            """,
+            "api.teza:1:11: error: namespace 'TezaNS' would be the C++ namespace TezaNS; names "
+            "starting with 'Teza' belong to the runtime",
+            "api.teza:2:10: error: type 'teza-field-type' would be the C++ class TezaFieldType; "
+            "names starting with 'Teza' belong to the runtime",
+            "api.teza:3:12: error: family 'teza-interface' would be the C++ class "
+            "TezaInterfaceFamily; names starting with 'Teza' belong to the runtime",
+        )
+
     def test_interface_id_must_be_a_number(self):
         self.assert_errors(
             "namespace depot {\n    family stock id seven { }\n    family audit id 2147483648 { }\n}\n",

@@ -30,6 +30,13 @@ CPP_KEYWORDS = frozenset(
     typename union unsigned using virtual void volatile wchar_t while xor xor_eq""".split()
 )
 
+# Macros of the C and POSIX headers that generated code includes; a name equal to one would
+# be expanded.
+CPP_MACROS = frozenset(
+    """NULL EOF BUFSIZ TRUE FALSE assert errno offsetof setjmp va_arg va_start va_end va_copy
+    stdin stdout stderr major minor makedev""".split()
+)
+
 # Members of the runtime's record base class; a field accessor must not hide one.
 RECORD_BASE_MEMBERS = frozenset(
     """fieldSet isFieldSet storeAsRawstring isStoreAsRawString setFieldValue __setFieldValue
@@ -201,7 +208,10 @@ def snake(name):
 
 
 def not_keyword(identifier):
-    return identifier + "_" if identifier in CPP_KEYWORDS else identifier
+    """Keywords and macro names get a trailing '_'."""
+    if identifier in CPP_KEYWORDS or identifier in CPP_MACROS:
+        return identifier + "_"
+    return identifier
 
 
 class Checker:
@@ -379,9 +389,16 @@ def check_namespace(checker, ns, decl, interface_ids):
     for type_decl in decl.types:
         ok = declare_type_name(type_decl.name, "type")
         record = Record(type_decl.name.text, ns, type_decl.name.position)
-        record.cpp_name = upper_camel(record.name)
+        record.cpp_name = not_keyword(upper_camel(record.name))
         if ok and checker.cpp_name(type_decl.name, record.cpp_name, "type"):
-            cpp.claim(record.cpp_name, type_decl.name, "type")
+            if record.cpp_name.startswith("Teza"):
+                checker.error(
+                    type_decl.name.position,
+                    f"type '{record.name}' would be the C++ class {record.cpp_name}; names "
+                    "starting with 'Teza' belong to the runtime",
+                )
+            else:
+                cpp.claim(record.cpp_name, type_decl.name, "type")
         if ok:
             records[record.name] = record
         ns.records.append(record)
@@ -474,8 +491,15 @@ def check_namespace(checker, ns, decl, interface_ids):
         family.family_class = upper_camel(family.name) + "Family"
         family.interface_class = upper_camel(family.name) + "Interface"
         if valid and unique and checker.cpp_name(fam_decl.name, family.family_class, "family"):
-            cpp.claim(family.family_class, fam_decl.name, "family")
-            cpp.claim(family.interface_class, fam_decl.name, "family")
+            if family.family_class.startswith("Teza"):
+                checker.error(
+                    fam_decl.name.position,
+                    f"family '{family.name}' would be the C++ class {family.family_class}; "
+                    "names starting with 'Teza' belong to the runtime",
+                )
+            else:
+                cpp.claim(family.family_class, fam_decl.name, "family")
+                cpp.claim(family.interface_class, fam_decl.name, "family")
         ns.families.append(family)
         check_apis(checker, family, fam_decl, records, typedefs, unknown_type)
 

@@ -157,12 +157,12 @@ const char* const kScalarsFieldTypeNames[] = {
 }  // namespace
 
 const TezaFieldTypeMetaData& Scalars::metaData() {
-    static const std::bitset<256> arrayFields = fieldBits({});
-    static const std::bitset<256> optionalFields = fieldBits({1, 4, 7});
-    static const std::bitset<256> encryptedFields = fieldBits({6, 7});
-    static const std::bitset<256> validateFields = fieldBits({2, 4});
-    static const std::bitset<256> nonEmptyFields = fieldBits({3, 4});
-    static const std::bitset<256> nestedTypedefFields = fieldBits({});
+    static const std::bitset<256> arrayFields = ::fieldBits({});
+    static const std::bitset<256> optionalFields = ::fieldBits({1, 4, 7});
+    static const std::bitset<256> encryptedFields = ::fieldBits({6, 7});
+    static const std::bitset<256> validateFields = ::fieldBits({2, 4});
+    static const std::bitset<256> nonEmptyFields = ::fieldBits({3, 4});
+    static const std::bitset<256> nestedTypedefFields = ::fieldBits({});
     static const TezaFieldTypeMetaData descriptor(
         "inventory", "scalars", NUM_FIELDS,
         kScalarsFieldNames,
@@ -387,12 +387,12 @@ const char* const kArraysFieldTypeNames[] = {
 }  // namespace
 
 const TezaFieldTypeMetaData& Arrays::metaData() {
-    static const std::bitset<256> arrayFields = fieldBits({0, 1, 2, 3, 4, 5});
-    static const std::bitset<256> optionalFields = fieldBits({1});
-    static const std::bitset<256> encryptedFields = fieldBits({});
-    static const std::bitset<256> validateFields = fieldBits({5});
-    static const std::bitset<256> nonEmptyFields = fieldBits({4});
-    static const std::bitset<256> nestedTypedefFields = fieldBits({});
+    static const std::bitset<256> arrayFields = ::fieldBits({0, 1, 2, 3, 4, 5});
+    static const std::bitset<256> optionalFields = ::fieldBits({1});
+    static const std::bitset<256> encryptedFields = ::fieldBits({});
+    static const std::bitset<256> validateFields = ::fieldBits({5});
+    static const std::bitset<256> nonEmptyFields = ::fieldBits({4});
+    static const std::bitset<256> nestedTypedefFields = ::fieldBits({});
     static const TezaFieldTypeMetaData descriptor(
         "inventory", "arrays", NUM_FIELDS,
         kArraysFieldNames,
@@ -622,12 +622,12 @@ bool Arrays::getFlagsRaw(std::vector<std::string>& texts) const {
 // Type "empty".
 
 const TezaFieldTypeMetaData& Empty::metaData() {
-    static const std::bitset<256> arrayFields = fieldBits({});
-    static const std::bitset<256> optionalFields = fieldBits({});
-    static const std::bitset<256> encryptedFields = fieldBits({});
-    static const std::bitset<256> validateFields = fieldBits({});
-    static const std::bitset<256> nonEmptyFields = fieldBits({});
-    static const std::bitset<256> nestedTypedefFields = fieldBits({});
+    static const std::bitset<256> arrayFields = ::fieldBits({});
+    static const std::bitset<256> optionalFields = ::fieldBits({});
+    static const std::bitset<256> encryptedFields = ::fieldBits({});
+    static const std::bitset<256> validateFields = ::fieldBits({});
+    static const std::bitset<256> nonEmptyFields = ::fieldBits({});
+    static const std::bitset<256> nestedTypedefFields = ::fieldBits({});
     static const TezaFieldTypeMetaData descriptor(
         "inventory", "empty", NUM_FIELDS,
         nullptr, nullptr, nullptr,
@@ -687,12 +687,12 @@ const char* const kShelfFieldTypeNames[] = {
 }  // namespace
 
 const TezaFieldTypeMetaData& Shelf::metaData() {
-    static const std::bitset<256> arrayFields = fieldBits({1});
-    static const std::bitset<256> optionalFields = fieldBits({1, 3, 4});
-    static const std::bitset<256> encryptedFields = fieldBits({});
-    static const std::bitset<256> validateFields = fieldBits({});
-    static const std::bitset<256> nonEmptyFields = fieldBits({});
-    static const std::bitset<256> nestedTypedefFields = fieldBits({0});
+    static const std::bitset<256> arrayFields = ::fieldBits({1});
+    static const std::bitset<256> optionalFields = ::fieldBits({1, 3, 4});
+    static const std::bitset<256> encryptedFields = ::fieldBits({});
+    static const std::bitset<256> validateFields = ::fieldBits({});
+    static const std::bitset<256> nonEmptyFields = ::fieldBits({});
+    static const std::bitset<256> nestedTypedefFields = ::fieldBits({0});
     static const TezaFieldTypeMetaData descriptor(
         "inventory", "shelf", NUM_FIELDS,
         kShelfFieldNames,
@@ -883,12 +883,12 @@ const char* const kWarehouseFieldTypeNames[] = {
 }  // namespace
 
 const TezaFieldTypeMetaData& Warehouse::metaData() {
-    static const std::bitset<256> arrayFields = fieldBits({2, 4});
-    static const std::bitset<256> optionalFields = fieldBits({1, 2});
-    static const std::bitset<256> encryptedFields = fieldBits({});
-    static const std::bitset<256> validateFields = fieldBits({});
-    static const std::bitset<256> nonEmptyFields = fieldBits({0});
-    static const std::bitset<256> nestedTypedefFields = fieldBits({1, 2, 3, 4, 5});
+    static const std::bitset<256> arrayFields = ::fieldBits({2, 4});
+    static const std::bitset<256> optionalFields = ::fieldBits({1, 2});
+    static const std::bitset<256> encryptedFields = ::fieldBits({});
+    static const std::bitset<256> validateFields = ::fieldBits({});
+    static const std::bitset<256> nonEmptyFields = ::fieldBits({0});
+    static const std::bitset<256> nestedTypedefFields = ::fieldBits({1, 2, 3, 4, 5});
     static const TezaFieldTypeMetaData descriptor(
         "inventory", "warehouse", NUM_FIELDS,
         kWarehouseFieldNames,
@@ -1071,15 +1071,15 @@ bool Warehouse::getSizeAliasRaw(std::string& text) const {
 
 namespace {
 
-const RecordKind* findRecordKind(const std::string& typeName) {
-    static const RecordKind kinds[] = {
-        recordKind<Arrays>("arrays"),
-        recordKind<Empty>("empty"),
-        recordKind<Scalars>("scalars"),
-        recordKind<Shelf>("shelf"),
-        recordKind<Warehouse>("warehouse"),
+const ::RecordKind* findRecordKind(const std::string& typeName) {
+    static const ::RecordKind kinds[] = {
+        ::recordKind<Arrays>("arrays"),
+        ::recordKind<Empty>("empty"),
+        ::recordKind<Scalars>("scalars"),
+        ::recordKind<Shelf>("shelf"),
+        ::recordKind<Warehouse>("warehouse"),
     };
-    return findByName(std::begin(kinds), std::end(kinds), typeName);
+    return ::findByName(std::begin(kinds), std::end(kinds), typeName);
 }
 
 std::vector<std::string> findTypedefChain(const std::string& typeName) {
@@ -1087,13 +1087,13 @@ std::vector<std::string> findTypedefChain(const std::string& typeName) {
     static const char* const chain1[] = {"shelf-info", "shelf"};
     static const char* const chain2[] = {"shelf"};
     static const char* const chain3[] = {"shelf-entry", "shelf-info", "shelf"};
-    static const TypedefChain chains[] = {
+    static const ::TypedefChain chains[] = {
         {"label-list", std::begin(chain0), std::end(chain0)},
         {"shelf-entry", std::begin(chain1), std::end(chain1)},
         {"shelf-info", std::begin(chain2), std::end(chain2)},
         {"shelf-record", std::begin(chain3), std::end(chain3)},
     };
-    const TypedefChain* found = findByName(std::begin(chains), std::end(chains), typeName);
+    const ::TypedefChain* found = ::findByName(std::begin(chains), std::end(chains), typeName);
     if (found == nullptr) {
         return {};
     }
@@ -1109,31 +1109,31 @@ const InventoryTypeFactory& InventoryTypeFactory::instance() {
 
 TezaFieldType* InventoryTypeFactory::getInstance(const std::string& /*category*/,
                                                  const std::string& typeName) const {
-    const RecordKind* kind = findRecordKind(typeName);
+    const ::RecordKind* kind = findRecordKind(typeName);
     return kind == nullptr ? nullptr : kind->create();
 }
 
 TezaFieldType* InventoryTypeFactory::getInstances(int count, const std::string& /*category*/,
                                                   const std::string& typeName) const {
-    const RecordKind* kind = findRecordKind(typeName);
+    const ::RecordKind* kind = findRecordKind(typeName);
     return kind == nullptr ? nullptr : kind->createArray(count);
 }
 
 TezaFieldType* InventoryTypeFactory::copyInstance(const std::string& typeName,
                                                   const TezaFieldType& source) const {
-    const RecordKind* kind = findRecordKind(typeName);
+    const ::RecordKind* kind = findRecordKind(typeName);
     return kind == nullptr ? nullptr : kind->copy(source);
 }
 
 TezaFieldType* InventoryTypeFactory::copyInstances(const std::string& typeName, int count,
                                                    const TezaFieldType*& source) const {
-    const RecordKind* kind = findRecordKind(typeName);
+    const ::RecordKind* kind = findRecordKind(typeName);
     return kind == nullptr ? nullptr : kind->copyArray(count, source);
 }
 
 TezaFieldType* InventoryTypeFactory::copyInstances(const std::string& typeName,
                                                    std::vector<TezaFieldType*>& source) const {
-    const RecordKind* kind = findRecordKind(typeName);
+    const ::RecordKind* kind = findRecordKind(typeName);
     return kind == nullptr ? nullptr : kind->copyPointers(source);
 }
 
@@ -1252,12 +1252,12 @@ const char* const kInvoiceFieldTypeNames[] = {
 }  // namespace
 
 const TezaFieldTypeMetaData& Invoice::metaData() {
-    static const std::bitset<256> arrayFields = fieldBits({2});
-    static const std::bitset<256> optionalFields = fieldBits({1});
-    static const std::bitset<256> encryptedFields = fieldBits({});
-    static const std::bitset<256> validateFields = fieldBits({});
-    static const std::bitset<256> nonEmptyFields = fieldBits({});
-    static const std::bitset<256> nestedTypedefFields = fieldBits({});
+    static const std::bitset<256> arrayFields = ::fieldBits({2});
+    static const std::bitset<256> optionalFields = ::fieldBits({1});
+    static const std::bitset<256> encryptedFields = ::fieldBits({});
+    static const std::bitset<256> validateFields = ::fieldBits({});
+    static const std::bitset<256> nonEmptyFields = ::fieldBits({});
+    static const std::bitset<256> nestedTypedefFields = ::fieldBits({});
     static const TezaFieldTypeMetaData descriptor(
         "billing", "invoice", NUM_FIELDS,
         kInvoiceFieldNames,
@@ -1381,12 +1381,12 @@ const char* const kLineFieldTypeNames[] = {
 }  // namespace
 
 const TezaFieldTypeMetaData& Line::metaData() {
-    static const std::bitset<256> arrayFields = fieldBits({});
-    static const std::bitset<256> optionalFields = fieldBits({});
-    static const std::bitset<256> encryptedFields = fieldBits({});
-    static const std::bitset<256> validateFields = fieldBits({});
-    static const std::bitset<256> nonEmptyFields = fieldBits({});
-    static const std::bitset<256> nestedTypedefFields = fieldBits({});
+    static const std::bitset<256> arrayFields = ::fieldBits({});
+    static const std::bitset<256> optionalFields = ::fieldBits({});
+    static const std::bitset<256> encryptedFields = ::fieldBits({});
+    static const std::bitset<256> validateFields = ::fieldBits({});
+    static const std::bitset<256> nonEmptyFields = ::fieldBits({});
+    static const std::bitset<256> nestedTypedefFields = ::fieldBits({});
     static const TezaFieldTypeMetaData descriptor(
         "billing", "line", NUM_FIELDS,
         kLineFieldNames,
@@ -1461,12 +1461,12 @@ bool Line::getAmountRaw(std::string& text) const {
 
 namespace {
 
-const RecordKind* findRecordKind(const std::string& typeName) {
-    static const RecordKind kinds[] = {
-        recordKind<Invoice>("invoice"),
-        recordKind<Line>("line"),
+const ::RecordKind* findRecordKind(const std::string& typeName) {
+    static const ::RecordKind kinds[] = {
+        ::recordKind<Invoice>("invoice"),
+        ::recordKind<Line>("line"),
     };
-    return findByName(std::begin(kinds), std::end(kinds), typeName);
+    return ::findByName(std::begin(kinds), std::end(kinds), typeName);
 }
 
 std::vector<std::string> findTypedefChain(const std::string& /*typeName*/) {
@@ -1482,31 +1482,31 @@ const BillingTypeFactory& BillingTypeFactory::instance() {
 
 TezaFieldType* BillingTypeFactory::getInstance(const std::string& /*category*/,
                                                const std::string& typeName) const {
-    const RecordKind* kind = findRecordKind(typeName);
+    const ::RecordKind* kind = findRecordKind(typeName);
     return kind == nullptr ? nullptr : kind->create();
 }
 
 TezaFieldType* BillingTypeFactory::getInstances(int count, const std::string& /*category*/,
                                                 const std::string& typeName) const {
-    const RecordKind* kind = findRecordKind(typeName);
+    const ::RecordKind* kind = findRecordKind(typeName);
     return kind == nullptr ? nullptr : kind->createArray(count);
 }
 
 TezaFieldType* BillingTypeFactory::copyInstance(const std::string& typeName,
                                                 const TezaFieldType& source) const {
-    const RecordKind* kind = findRecordKind(typeName);
+    const ::RecordKind* kind = findRecordKind(typeName);
     return kind == nullptr ? nullptr : kind->copy(source);
 }
 
 TezaFieldType* BillingTypeFactory::copyInstances(const std::string& typeName, int count,
                                                  const TezaFieldType*& source) const {
-    const RecordKind* kind = findRecordKind(typeName);
+    const ::RecordKind* kind = findRecordKind(typeName);
     return kind == nullptr ? nullptr : kind->copyArray(count, source);
 }
 
 TezaFieldType* BillingTypeFactory::copyInstances(const std::string& typeName,
                                                  std::vector<TezaFieldType*>& source) const {
-    const RecordKind* kind = findRecordKind(typeName);
+    const ::RecordKind* kind = findRecordKind(typeName);
     return kind == nullptr ? nullptr : kind->copyPointers(source);
 }
 
@@ -1521,6 +1521,10 @@ const std::string& BillingFamily::InvoiceGetTracker::getTraceName() const {
     return getApiName(API_INVOICE_GET);
 }
 
+const std::string& BillingFamily::DeleteTracker::getTraceName() const {
+    return getApiName(API_DELETE);
+}
+
 const char* BillingFamily::getInterfaceName() {
     return "billing";
 }
@@ -1528,6 +1532,7 @@ const char* BillingFamily::getInterfaceName() {
 const std::string& BillingFamily::getApiName(int api) {
     static const std::string names[NUM_APIS] = {
         "invoice-get",
+        "delete",
     };
     static const std::string none;
     return api >= 0 && api < NUM_APIS ? names[api] : none;
@@ -1537,6 +1542,10 @@ TezaTracer* BillingFamily::getTracker(int api) {
     switch (api) {
         case API_INVOICE_GET: {
             static InvoiceGetTracker tracker;
+            return &tracker;
+        }
+        case API_DELETE: {
+            static DeleteTracker tracker;
             return &tracker;
         }
         default:
@@ -1560,7 +1569,7 @@ namespace status {
 
 namespace {
 
-const RecordKind* findRecordKind(const std::string& /*typeName*/) {
+const ::RecordKind* findRecordKind(const std::string& /*typeName*/) {
     return nullptr;
 }
 
@@ -1577,31 +1586,31 @@ const StatusTypeFactory& StatusTypeFactory::instance() {
 
 TezaFieldType* StatusTypeFactory::getInstance(const std::string& /*category*/,
                                               const std::string& typeName) const {
-    const RecordKind* kind = findRecordKind(typeName);
+    const ::RecordKind* kind = findRecordKind(typeName);
     return kind == nullptr ? nullptr : kind->create();
 }
 
 TezaFieldType* StatusTypeFactory::getInstances(int count, const std::string& /*category*/,
                                                const std::string& typeName) const {
-    const RecordKind* kind = findRecordKind(typeName);
+    const ::RecordKind* kind = findRecordKind(typeName);
     return kind == nullptr ? nullptr : kind->createArray(count);
 }
 
 TezaFieldType* StatusTypeFactory::copyInstance(const std::string& typeName,
                                                const TezaFieldType& source) const {
-    const RecordKind* kind = findRecordKind(typeName);
+    const ::RecordKind* kind = findRecordKind(typeName);
     return kind == nullptr ? nullptr : kind->copy(source);
 }
 
 TezaFieldType* StatusTypeFactory::copyInstances(const std::string& typeName, int count,
                                                 const TezaFieldType*& source) const {
-    const RecordKind* kind = findRecordKind(typeName);
+    const ::RecordKind* kind = findRecordKind(typeName);
     return kind == nullptr ? nullptr : kind->copyArray(count, source);
 }
 
 TezaFieldType* StatusTypeFactory::copyInstances(const std::string& typeName,
                                                 std::vector<TezaFieldType*>& source) const {
-    const RecordKind* kind = findRecordKind(typeName);
+    const ::RecordKind* kind = findRecordKind(typeName);
     return kind == nullptr ? nullptr : kind->copyPointers(source);
 }
 

@@ -39,7 +39,7 @@ class Warehouse;
 class TEZA_API Scalars : public TezaFieldType {
   public:
     // Field positions, in the order of the type's elements.
-    enum Field {
+    enum {
         FIELD_TEXT = 0,
         FIELD_SMALL = 1,
         FIELD_COUNT = 2,
@@ -122,7 +122,7 @@ class TEZA_API Scalars : public TezaFieldType {
 class TEZA_API Arrays : public TezaFieldType {
   public:
     // Field positions, in the order of the type's elements.
-    enum Field {
+    enum {
         FIELD_TEXTS = 0,
         FIELD_SMALLS = 1,
         FIELD_COUNTS = 2,
@@ -205,7 +205,7 @@ class TEZA_API Empty : public TezaFieldType {
 class TEZA_API Shelf : public TezaFieldType {
   public:
     // Field positions, in the order of the type's elements.
-    enum Field {
+    enum {
         FIELD_LABEL = 0,
         FIELD_ITEMS = 1,
         FIELD_SCALARS = 2,
@@ -267,7 +267,7 @@ class TEZA_API Shelf : public TezaFieldType {
 class TEZA_API Warehouse : public TezaFieldType {
   public:
     // Field positions, in the order of the type's elements.
-    enum Field {
+    enum {
         FIELD_NAME = 0,
         FIELD_LABELS = 1,
         FIELD_LABEL_ITEMS = 2,
@@ -358,7 +358,7 @@ class TEZA_API StockFamily {
   public:
     static constexpr int INTERFACE_ID = 7;
     // API indexes, in the order of the schema.
-    enum Api {
+    enum {
         API_STOCK_PING = 0,
         API_STOCK_ADD = 1,
         API_STOCK_LIST = 2,
@@ -473,7 +473,7 @@ class Line;
 class TEZA_API Invoice : public TezaFieldType {
   public:
     // Field positions, in the order of the type's elements.
-    enum Field {
+    enum {
         FIELD_NUMBER = 0,
         FIELD_PAID = 1,
         FIELD_LINES = 2,
@@ -516,7 +516,7 @@ class TEZA_API Invoice : public TezaFieldType {
 class TEZA_API Line : public TezaFieldType {
   public:
     // Field positions, in the order of the type's elements.
-    enum Field {
+    enum {
         FIELD_TEXT = 0,
         FIELD_AMOUNT = 1,
     };
@@ -574,14 +574,21 @@ class TEZA_API BillingFamily {
   public:
     static constexpr int INTERFACE_ID = 12;
     // API indexes, in the order of the schema.
-    enum Api {
+    enum {
         API_INVOICE_GET = 0,
+        API_DELETE = 1,
     };
-    static constexpr int NUM_APIS = 1;
+    static constexpr int NUM_APIS = 2;
 
     class TEZA_API InvoiceGetTracker : public TezaTracer {
       public:
         // "invoice-get"
+        const std::string& getTraceName() const override;
+    };
+
+    class TEZA_API DeleteTracker : public TezaTracer {
+      public:
+        // "delete"
         const std::string& getTraceName() const override;
     };
 
@@ -608,6 +615,9 @@ class TEZA_API BillingInterface : public TezaInterface {
 
     // "invoice-get"
     TezaStatus invoiceGet(const Invoice& input, Invoice& output);
+
+    // "delete"
+    TezaStatus delete_(const Invoice& input);
 
     int getInterfaceId() const override;
     const char* getInterfaceName() const override;
@@ -647,7 +657,7 @@ class TEZA_API StatusFamily {
   public:
     static constexpr int INTERFACE_ID = 0;
     // API indexes, in the order of the schema.
-    enum Api {
+    enum {
         API_STATUS_PING = 0,
     };
     static constexpr int NUM_APIS = 1;
