@@ -68,15 +68,11 @@ TezaFieldType* copyRecord(const TezaFieldType& source) {
 // sound because generated records add no data members.
 template <class R>
 TezaFieldType* copyRecords(int count, const TezaFieldType* source) {
-    if (count < 0 || (count > 0 && source == nullptr)) {
+    if (count < 0 || (count > 0 && (source == nullptr || !isA<R>(*source)))) {
         return nullptr;
     }
+    // The array's first record is an R, so the array is one of R.
     const R* records = static_cast<const R*>(source);
-    for (int i = 0; i < count; ++i) {
-        if (!isA<R>(records[i])) {
-            return nullptr;
-        }
-    }
     std::unique_ptr<R[]> copies(new R[count]);
     for (int i = 0; i < count; ++i) {
         copies[i] = records[i];
