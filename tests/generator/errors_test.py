@@ -422,6 +422,11 @@ class SchemaErrorTest(unittest.TestCase):
             "'string'?)",
         )
 
+    def test_a_byte_order_mark_is_not_part_of_the_first_word(self):
+        result = self.generate({"api.teza": "\ufeffnamespace a { type x { n : int32; } }\n"},
+                               "--check")
+        self.assertEqual(result.returncode, 0, result.stderr)
+
     def test_check_writes_nothing_for_a_good_schema(self):
         result = self.generate({"api.teza": "namespace a { type x { n : int32; } }\n"}, "--check")
         self.assertEqual(result.returncode, 0, result.stderr)

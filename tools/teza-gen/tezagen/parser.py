@@ -367,4 +367,7 @@ def parse_file(path):
 
 
 def parse_text(path, text):
+    # A byte order mark some editors write is not part of the first word.
+    if text.startswith("\ufeff"):
+        text = text[1:]
     return Parser(path, text).parse()
