@@ -50,6 +50,17 @@ TEST(TezaStatus, ReasonIsTakenByValue) {
     EXPECT_EQ(status.reason, "volume <vol0> offline");
 }
 
+#if defined(__SANITIZE_THREAD__)
+#define TEZA_TEST_UNDER_TSAN 1
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define TEZA_TEST_UNDER_TSAN 1
+#endif
+#endif
+#ifndef TEZA_TEST_UNDER_TSAN
+#define TEZA_TEST_UNDER_TSAN 0
+#endif
+
 pthread_mutex_t gFirst = PTHREAD_MUTEX_INITIALIZER;
 pthread_mutex_t gSecond = PTHREAD_MUTEX_INITIALIZER;
 
@@ -114,6 +125,11 @@ TEST(MonitorDeathTest, FailingLockIsFatal) {
 }
 
 TEST(MonitorDeathTest, FailingUnlockIsFatal) {
+#if TEZA_TEST_UNDER_TSAN
+    // ThreadSanitizer reports the deliberate unlock of a mutex this thread does not hold and
+    // ends the process before the guard can; the other builds check the guard.
+    GTEST_SKIP() << "the misuse is reported by ThreadSanitizer first";
+#endif
     EXPECT_DEATH(
         {
             pthread_mutex_t mutex = MakeErrorCheckingMutex();

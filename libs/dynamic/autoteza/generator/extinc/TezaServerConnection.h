@@ -12,6 +12,7 @@
 #include <stdint.h>
 #include <time.h>
 
+#include <atomic>
 #include <map>
 #include <string>
 
@@ -22,20 +23,21 @@
 class TEZA_API TezaServerConnection {
   public:
     // The numbers are what travels to the client library; a value outside a range is passed
-    // as 0. What each number means to the client library is documented with librk.
-    enum Style {
+    // as 0. What each number means to the client library is documented with librk. The fixed
+    // underlying type lets a descriptor carry any number read from text or set by a caller.
+    enum Style : int32_t {
         STYLE_LOGIN_PASSWORD = 0,
         STYLE_CERTIFICATE = 1,
         STYLE_TOKEN = 2,
         STYLE_NONE = 3,
     };
-    enum ServerType {
+    enum ServerType : int32_t {
         SERVER_TYPE_NODE = 1,
         SERVER_TYPE_CLUSTER = 2,
         SERVER_TYPE_AGENT = 3,
         SERVER_TYPE_DEPOT = 4,
     };
-    enum Transport {
+    enum Transport : int32_t {
         TRANSPORT_HTTP = 0,
         TRANSPORT_HTTPS = 1,
         TRANSPORT_IN_PROCESS = 2,
@@ -174,6 +176,11 @@ class TEZA_API TezaServerConnection {
     static pthread_mutex_t _mutex;
     static QuarantineMap* _quarantine_map;
     static pthread_once_t _quarantine_map_initialized;
+
+    // Guards the one-time library start-up of init(); the flag is also read without it on the
+    // fast path, hence atomic.
+    static pthread_mutex_t lk;
+    static std::atomic<bool> tezaInitialized;
 };
 
 #endif  // TEZA_SERVER_CONNECTION_H_

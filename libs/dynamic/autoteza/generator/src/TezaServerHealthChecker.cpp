@@ -4,7 +4,10 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <atomic>
+
 #include "TezaLogger.h"
+#include "TezaServerHealthChecker.h"
 
 namespace {
 const char kLogPath[] = "/var/log/tezalog";
@@ -45,4 +48,54 @@ void TezaLogger::Log(const char* format, ...) {
 
     fprintf(file, "%s message:%s\n", header, message);
     fclose(file);
+}
+
+// --- Node health checker registry ------------------------------------------------------------
+
+namespace {
+
+TezaServerHealthChecker* __healthChecker = NULL;  // not owned
+// A single boolean read and written without the lock; atomic so that concurrent use is
+// defined.
+std::atomic<bool> __useHealtCheckerByDefault(false);
+pthread_mutex_t __mutex = PTHREAD_MUTEX_INITIALIZER;
+
+// Holds __mutex for its lifetime; a failing lock or unlock ends the process.
+class __RegistryLock {
+  public:
+    __RegistryLock() {
+        int ret = pthread_mutex_lock(&__mutex);
+        TEZA_ASSERT(!ret);
+    }
+    ~__RegistryLock() {
+        int ret = pthread_mutex_unlock(&__mutex);
+        TEZA_ASSERT(!ret);
+    }
+    __RegistryLock(const __RegistryLock&) = delete;
+    __RegistryLock& operator=(const __RegistryLock&) = delete;
+};
+
+}  // namespace
+
+TezaServerHealthChecker::~TezaServerHealthChecker() {}
+
+void TezaServerHealthCheckerRegistry::registerHealthChecker(TezaServerHealthChecker* checker) {
+    __RegistryLock lock;
+    __healthChecker = checker;
+}
+
+bool TezaServerHealthCheckerRegistry::isServerHealthy(const std::string& host) {
+    // The lock is held across the check: checks are serialised and a checker cannot be
+    // replaced while it runs.
+    __RegistryLock lock;
+    return __healthChecker == NULL || __healthChecker->isHealthy(host);
+}
+
+bool TezaServerHealthCheckerRegistry::useHealthCheckerByDefault() {
+    return __useHealtCheckerByDefault.load(std::memory_order_relaxed);
+}
+
+void TezaServerHealthCheckerRegistry::setUseHealthCheckerByDefault(bool use) {
+    TezaLogger::Log("setUseHealthCheckerByDefault: %d", use ? 1 : 0);
+    __useHealtCheckerByDefault.store(use, std::memory_order_relaxed);
 }

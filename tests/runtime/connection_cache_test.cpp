@@ -1,0 +1,483 @@
+// TezaConnectionCache: lookup by key, probing of idle handles, eviction at 100 entries,
+// ageing after 60 seconds, behaviour before init and after cleanup, and the ageing thread.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+
+#include <stdint.h>
+#include <chrono>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "TezaConnectionCache.h"
+#include "TezaServerConnection.h"
+#include "assertion.h"
+#include "rk_double.h"
+#include "runtime_fixture.h"
+#include "test_clock.h"
+
+namespace {
+
+using Lines = std::vector<std::string>;
+using ::testing::Contains;
+
+const TezaServerConnection::Style kStyle = TezaServerConnection::STYLE_CERTIFICATE;
+const TezaServerConnection::ServerType kType = TezaServerConnection::SERVER_TYPE_CLUSTER;
+const TezaServerConnection::Transport kTransport = TezaServerConnection::TRANSPORT_HTTP;
+
+// The bucket of a key, computed here independently: h = h * 31 + x over the host's bytes,
+// the six numbers and the bytes of login and password, modulo 2^32, then modulo 203.
+uint32_t Bucket(const std::string& host, int major, int minor, int style, int type, int transport,
+                int port, const std::string& login, const std::string& password) {
+    uint64_t h = 0;
+    auto add = [&h](uint64_t x) { h = (h * 31 + x) % 4294967296ull; };
+    for (unsigned char c : host) {
+        add(c);
+    }
+    for (int v : {major, minor, style, type, transport, port}) {
+        add(static_cast<uint32_t>(v));
+    }
+    for (unsigned char c : login + password) {
+        add(c);
+    }
+    return static_cast<uint32_t>(h % 203);
+}
+
+class TezaConnectionCacheTest : public testsupport::RuntimeTest {
+  protected:
+    void SetUp() override {
+        RuntimeTest::SetUp();
+        TezaConnectionCache::init();
+        rkdouble::ClearCalls();
+    }
+
+    // A new handle of the double for `host`.
+    static rk_server_t* Open(const std::string& host = "srv7") {
+        return rk_server_open(host.c_str(), 1, 21);
+    }
+
+    static void Release(rk_server_t* server, const std::string& host = "srv7", int port = 443,
+                        int major = 1, const std::string& login = "admin") {
+        TezaConnectionCache::releaseConnection(server, host, major, 21, kStyle, kType, kTransport,
+                                               port, login, "secret");
+    }
+
+    static rk_server_t* Get(const std::string& host = "srv7", int port = 443, int major = 1,
+                            const std::string& login = "admin", int timeout = 7) {
+        return TezaConnectionCache::getConnection(host, major, 21, kStyle, kType, kTransport, port,
+                                                  login, "secret", timeout);
+    }
+
+    static void FailProbes() {
+        rkdouble::SetResponder([](const std::string&, const std::string&, rk_elem_t*) {
+            return rkdouble::Failed("gone", 13055);
+        });
+    }
+};
+
+using TezaConnectionCacheDeathTest = TezaConnectionCacheTest;
+
+// --- Set-up and shut-down -------------------------------------------------------------------
+
+TEST_F(TezaConnectionCacheTest, InitLogsOnceAndASecondInitDoesNothing) {
+    TezaConnectionCache::cleanup();
+    _log.Create();
+    TezaConnectionCache::init();
+    rk_server_t* h = Open();
+    Release(h);
+    TezaConnectionCache::init();
+    EXPECT_EQ(LogMessages(), (Lines{"Initializing TezaConnectionCache\n"}));
+    EXPECT_EQ(Get(), h);  // the second init emptied nothing
+    rk_server_close(h);
+}
+
+TEST_F(TezaConnectionCacheTest, CleanupClosesEveryHandleOldestFirst) {
+    rk_server_t* h1 = Open();
+    rk_server_t* h2 = Open("srv8");
+    rk_server_t* h3 = Open();
+    Release(h1);
+    Release(h2, "srv8");
+    Release(h3);
+    rkdouble::ClearCalls();
+    _log.Create();
+    TezaConnectionCache::cleanup();
+    EXPECT_EQ(rkdouble::Calls(),
+              (Lines{"rk_server_close(h1)", "rk_server_close(h2)", "rk_server_close(h3)"}));
+    EXPECT_EQ(LogMessages(), (Lines{"Shutting down TezaConnectionCache\n"}));
+    EXPECT_EQ(rkdouble::HandlesOpen(), 0);
+}
+
+TEST_F(TezaConnectionCacheTest, SecondCleanupDoesNothing) {
+    Release(Open());
+    TezaConnectionCache::cleanup();
+    rkdouble::ClearCalls();
+    _log.Create();
+    TezaConnectionCache::cleanup();
+    EXPECT_TRUE(rkdouble::Calls().empty());
+    EXPECT_TRUE(LogMessages().empty());
+}
+
+TEST_F(TezaConnectionCacheTest, ReleaseAfterCleanupClosesAtOnce) {
+    TezaConnectionCache::cleanup();
+    rk_server_t* h = Open();
+    rkdouble::ClearCalls();
+    Release(h);
+    EXPECT_EQ(rkdouble::Calls(), (Lines{"rk_server_close(h1)"}));
+}
+
+TEST_F(TezaConnectionCacheTest, ReleaseBeforeInitClosesAtOnce) {
+    // A cache that was never set up behaves like one that was shut down; in a process of its
+    // own this test sees the state at load.
+    TezaConnectionCache::cleanup();
+    rk_server_t* h = Open();
+    rkdouble::ClearCalls();
+    Release(h);
+    EXPECT_EQ(rkdouble::Calls(), (Lines{"rk_server_close(h1)"}));
+    EXPECT_EQ(Get(), nullptr);
+}
+
+TEST_F(TezaConnectionCacheTest, GetAfterCleanupReturnsNull) {
+    Release(Open());
+    TezaConnectionCache::cleanup();
+    EXPECT_EQ(Get(), nullptr);
+}
+
+TEST_F(TezaConnectionCacheTest, InitAfterCleanupStartsEmpty) {
+    Release(Open());
+    TezaConnectionCache::cleanup();
+    TezaConnectionCache::init();
+    EXPECT_EQ(Get(), nullptr);
+    rk_server_t* h = Open();
+    Release(h);
+    EXPECT_EQ(Get(), h);
+    rk_server_close(h);
+}
+
+// --- getConnection ----------------------------------------------------------------------------
+
+TEST_F(TezaConnectionCacheTest, EmptyCacheReturnsNullWithoutCalls) {
+    EXPECT_EQ(Get(), nullptr);
+    EXPECT_TRUE(rkdouble::Calls().empty());
+}
+
+TEST_F(TezaConnectionCacheTest, ImmediateGetReturnsTheSameHandleWithoutProbe) {
+    rk_server_t* h = Open();
+    Release(h);
+    rkdouble::ClearCalls();
+    EXPECT_EQ(Get(), h);
+    EXPECT_TRUE(rkdouble::Calls().empty());
+    EXPECT_EQ(Get(), nullptr);  // taken out of the cache
+    rk_server_close(h);
+}
+
+TEST_F(TezaConnectionCacheTest, HandleIdleForOneSecondIsNotProbed) {
+    rk_server_t* h = Open();
+    Release(h);
+    testclock::Advance(1);
+    rkdouble::ClearCalls();
+    EXPECT_EQ(Get(), h);
+    EXPECT_TRUE(rkdouble::Calls().empty());
+    rk_server_close(h);
+}
+
+TEST_F(TezaConnectionCacheTest, HandleIdleForTwoSecondsIsProbedFirst) {
+    rk_server_t* h = Open();
+    Release(h);
+    testclock::Advance(2);
+    rkdouble::ClearCalls();
+    EXPECT_EQ(Get("srv7", 443, 1, "admin", 7), h);
+    EXPECT_EQ(rkdouble::Calls(), (Lines{"rk_server_set_timeout(h1, 7)",
+                                        "rk_server_invoke(h1, system-get-corvi-version)",
+                                        "rk_results_status(results)", "rk_elem_free(results)"}));
+    // The probe's time-out stays on the handle.
+    EXPECT_EQ(rkdouble::Settings(h).timeout, 7);
+    rk_server_close(h);
+}
+
+TEST_F(TezaConnectionCacheTest, FailedProbeClosesTheHandleAndReturnsNull) {
+    rk_server_t* h = Open();
+    Release(h);
+    testclock::Advance(2);
+    FailProbes();
+    rkdouble::ClearCalls();
+    EXPECT_EQ(Get(), nullptr);
+    EXPECT_EQ(rkdouble::Calls().back(), "rk_server_close(h1)");
+    EXPECT_EQ(rkdouble::HandlesOpen(), 0);
+    EXPECT_EQ(Get(), nullptr);
+}
+
+TEST_F(TezaConnectionCacheTest, HandlesForOneKeyComeBackNewestFirst) {
+    rk_server_t* older = Open();
+    rk_server_t* newer = Open();
+    Release(older);
+    Release(newer);
+    EXPECT_EQ(Get(), newer);
+    EXPECT_EQ(Get(), older);
+    rk_server_close(older);
+    rk_server_close(newer);
+}
+
+TEST_F(TezaConnectionCacheTest, OtherHostOrVersionIsNotReturned) {
+    rk_server_t* h = Open();
+    Release(h);
+    EXPECT_EQ(Get("srv8"), nullptr);
+    EXPECT_EQ(Get("srv7", 443, 2), nullptr);
+    EXPECT_EQ(Get(), h);
+    rk_server_close(h);
+}
+
+TEST_F(TezaConnectionCacheTest, OtherSettingsInAnotherBucketAreNotReturned) {
+    rk_server_t* h = Open();
+    Release(h, "srv7", 443);
+    int port = 444;
+    while (Bucket("srv7", 1, 21, kStyle, kType, kTransport, port, "admin", "secret") ==
+           Bucket("srv7", 1, 21, kStyle, kType, kTransport, 443, "admin", "secret")) {
+        ++port;
+    }
+    EXPECT_EQ(Get("srv7", port), nullptr);
+    EXPECT_EQ(Get("srv7", 443), h);
+    rk_server_close(h);
+}
+
+TEST_F(TezaConnectionCacheTest, OtherSettingsInTheSameBucketAreReturned) {
+    // Only host and version are compared within a bucket: a handle released for port 443 is
+    // found for another port whose key lands in the same bucket.
+    uint32_t bucket = Bucket("srv7", 1, 21, kStyle, kType, kTransport, 443, "admin", "secret");
+    int port = 444;
+    while (Bucket("srv7", 1, 21, kStyle, kType, kTransport, port, "admin", "secret") != bucket) {
+        ++port;
+    }
+    rk_server_t* h = Open();
+    Release(h, "srv7", 443);
+    EXPECT_EQ(Get("srv7", port), h);
+    rk_server_close(h);
+}
+
+TEST_F(TezaConnectionCacheTest, LoginAndPasswordAreHashed) {
+    // Another login that lands in another bucket misses the handle.
+    std::string login = "a";
+    while (Bucket("srv7", 1, 21, kStyle, kType, kTransport, 443, login, "secret") ==
+           Bucket("srv7", 1, 21, kStyle, kType, kTransport, 443, "admin", "secret")) {
+        login += "a";
+    }
+    rk_server_t* h = Open();
+    Release(h);
+    EXPECT_EQ(Get("srv7", 443, 1, login), nullptr);
+    EXPECT_EQ(Get(), h);
+    rk_server_close(h);
+}
+
+// --- Eviction -------------------------------------------------------------------------------
+
+TEST_F(TezaConnectionCacheTest, The101stReleaseClosesTheOldestAndReusesItsEntry) {
+    std::vector<rk_server_t*> handles;
+    for (int i = 0; i < 101; ++i) {
+        handles.push_back(Open("srv" + std::to_string(i)));
+    }
+    for (int i = 0; i < 100; ++i) {
+        Release(handles[i], "srv" + std::to_string(i));
+    }
+    rkdouble::ClearCalls();
+    Release(handles[100], "srv100");
+    EXPECT_EQ(rkdouble::Calls(), (Lines{"rk_server_close(h1)"}));
+    EXPECT_EQ(Get("srv0"), nullptr);
+    for (int i = 1; i <= 100; ++i) {
+        EXPECT_EQ(Get("srv" + std::to_string(i)), handles[i]) << i;
+        rk_server_close(handles[i]);
+    }
+}
+
+TEST_F(TezaConnectionCacheTest, EvictionTakesTheLeastRecentlyReleased) {
+    std::vector<rk_server_t*> handles;
+    for (int i = 0; i < 100; ++i) {
+        handles.push_back(Open("srv" + std::to_string(i)));
+        Release(handles.back(), "srv" + std::to_string(i));
+    }
+    // Taking srv0 out and releasing it again makes srv1 the oldest.
+    ASSERT_EQ(Get("srv0"), handles[0]);
+    Release(handles[0], "srv0");
+    rkdouble::ClearCalls();
+    rk_server_t* extra = Open("extra");
+    Release(extra, "extra");
+    EXPECT_EQ(rkdouble::Calls().back(), "rk_server_close(h2)");
+    EXPECT_EQ(Get("srv0"), handles[0]);
+    rk_server_close(handles[0]);
+}
+
+TEST_F(TezaConnectionCacheTest, OneServerMayHoldEveryEntry) {
+    std::vector<rk_server_t*> handles;
+    for (int i = 0; i < 100; ++i) {
+        handles.push_back(Open());
+        Release(handles.back());
+    }
+    for (int i = 99; i >= 0; --i) {
+        EXPECT_EQ(Get(), handles[i]);
+        rk_server_close(handles[i]);
+    }
+    EXPECT_EQ(Get(), nullptr);
+}
+
+// --- Ageing ---------------------------------------------------------------------------------
+
+TEST_F(TezaConnectionCacheTest, AgeKeepsAHandleIdleForExactly60Seconds) {
+    rk_server_t* h = Open();
+    Release(h);
+    testclock::Advance(60);
+    rkdouble::ClearCalls();
+    TezaConnectionCache::age();
+    EXPECT_TRUE(rkdouble::Calls().empty());
+    EXPECT_EQ(Get("srv7", 443, 1, "admin", 7), h);
+    rk_server_close(h);
+}
+
+TEST_F(TezaConnectionCacheTest, AgeClosesAHandleIdleFor61Seconds) {
+    Release(Open());
+    testclock::Advance(61);
+    rkdouble::ClearCalls();
+    TezaConnectionCache::age();
+    EXPECT_EQ(rkdouble::Calls(), (Lines{"rk_server_close(h1)"}));
+    EXPECT_EQ(Get(), nullptr);
+}
+
+TEST_F(TezaConnectionCacheTest, AgeClosesOldestFirstAndStopsAtTheFirstYoungEnough) {
+    Release(Open());
+    testclock::Advance(10);
+    Release(Open("srv8"), "srv8");
+    testclock::Advance(40);
+    rk_server_t* young = Open();
+    Release(young);
+    testclock::Advance(21);  // idle 71, 61 and 21 seconds
+    rkdouble::ClearCalls();
+    TezaConnectionCache::age();
+    EXPECT_EQ(rkdouble::Calls(), (Lines{"rk_server_close(h1)", "rk_server_close(h2)"}));
+    EXPECT_EQ(Get(), young);
+    rk_server_close(young);
+}
+
+TEST_F(TezaConnectionCacheTest, AgedEntriesAreReusable) {
+    for (int i = 0; i < 100; ++i) {
+        Release(Open("srv" + std::to_string(i)), "srv" + std::to_string(i));
+    }
+    testclock::Advance(61);
+    TezaConnectionCache::age();
+    ASSERT_EQ(rkdouble::HandlesOpen(), 0);
+    rkdouble::ClearCalls();
+    for (int i = 0; i < 100; ++i) {
+        Release(Open("new" + std::to_string(i)), "new" + std::to_string(i));
+    }
+    EXPECT_EQ(rkdouble::CountCalls("rk_server_close"), 0);  // no eviction
+}
+
+TEST_F(TezaConnectionCacheTest, AgeBeforeInitDoesNothing) {
+    TezaConnectionCache::cleanup();
+    rkdouble::ClearCalls();
+    testclock::Advance(1000);
+    TezaConnectionCache::age();
+    EXPECT_TRUE(rkdouble::Calls().empty());
+}
+
+// --- The ageing thread ----------------------------------------------------------------------
+
+TEST_F(TezaConnectionCacheTest, AgeThreadAgesAndProbesUntilCleanup) {
+    // One handle idle for more than 60 seconds and one quarantined server that answers.
+    Release(Open());
+    testclock::Advance(61);
+    TezaServerConnection down = testsupport::Descriptor("down");
+    down.quarantine();
+    rkdouble::ClearCalls();
+
+    pthread_t thread;
+    ASSERT_EQ(pthread_create(&thread, nullptr, &TezaConnectionCache::ageThread, nullptr), 0);
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while ((rkdouble::HandlesOpen() != 0 || down.isQuarantined()) &&
+           std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    TezaConnectionCache::cleanup();
+    void* result = reinterpret_cast<void*>(1);
+    ASSERT_EQ(pthread_join(thread, &result), 0);
+    EXPECT_EQ(result, nullptr);
+    EXPECT_THAT(rkdouble::Calls(), Contains("rk_server_close(h1)"));
+    EXPECT_THAT(rkdouble::Calls(), Contains("rk_server_open(down, 1, 21)"));
+    EXPECT_FALSE(down.isQuarantined());
+    EXPECT_EQ(rkdouble::HandlesOpen(), 0);
+}
+
+// --- Fatal misuse ---------------------------------------------------------------------------
+
+TEST_F(TezaConnectionCacheDeathTest, ClockFailureOnRelease) {
+    rk_server_t* h = Open();
+    testclock::FailGettimeofday();
+    EXPECT_DEATH(Release(h), AssertionText("!ret"));
+    testclock::FailGettimeofday(0);
+    rk_server_close(h);
+}
+
+TEST_F(TezaConnectionCacheDeathTest, ClockFailureOnLookup) {
+    rk_server_t* h = Open();
+    Release(h);
+    testclock::FailGettimeofday();
+    EXPECT_DEATH(Get(), AssertionText("!ret"));
+    testclock::FailGettimeofday(0);
+}
+
+TEST_F(TezaConnectionCacheDeathTest, ClockFailureOnAge) {
+    testclock::FailGettimeofday();
+    EXPECT_DEATH(TezaConnectionCache::age(), AssertionText("!ret"));
+    testclock::FailGettimeofday(0);
+}
+
+TEST_F(TezaConnectionCacheDeathTest, FailedTimeoutBeforeTheProbe) {
+    Release(Open());
+    testclock::Advance(2);
+    rkdouble::SetResult("rk_server_set_timeout", 0);
+    EXPECT_DEATH(Get(), AssertionText("ret"));
+}
+
+TEST_F(TezaConnectionCacheDeathTest, FailedCloseAfterAFailedProbe) {
+    Release(Open());
+    testclock::Advance(2);
+    FailProbes();
+    rkdouble::SetResult("rk_server_close", 0);
+    EXPECT_DEATH(Get(), AssertionText("ret"));
+    rkdouble::SetResult("rk_server_close", 1);
+}
+
+TEST_F(TezaConnectionCacheDeathTest, FailedCloseOnReleaseWhileNotRunning) {
+    TezaConnectionCache::cleanup();
+    rk_server_t* h = Open();
+    rkdouble::SetResult("rk_server_close", 0);
+    EXPECT_DEATH(Release(h), AssertionText("ret"));
+    rkdouble::SetResult("rk_server_close", 1);
+    rk_server_close(h);
+}
+
+TEST_F(TezaConnectionCacheDeathTest, FailedCloseOfAnEvictedHandle) {
+    for (int i = 0; i < 100; ++i) {
+        Release(Open("srv" + std::to_string(i)), "srv" + std::to_string(i));
+    }
+    rk_server_t* h = Open("extra");
+    rkdouble::SetResult("rk_server_close", 0);
+    EXPECT_DEATH(Release(h, "extra"), AssertionText("ret"));
+    rkdouble::SetResult("rk_server_close", 1);
+    rk_server_close(h);
+}
+
+TEST_F(TezaConnectionCacheDeathTest, FailedCloseOfAnAgedHandle) {
+    Release(Open());
+    testclock::Advance(61);
+    rkdouble::SetResult("rk_server_close", 0);
+    EXPECT_DEATH(TezaConnectionCache::age(), AssertionText("ret"));
+    rkdouble::SetResult("rk_server_close", 1);
+}
+
+TEST_F(TezaConnectionCacheDeathTest, FailedCloseOnCleanup) {
+    Release(Open());
+    rkdouble::SetResult("rk_server_close", 0);
+    EXPECT_DEATH(TezaConnectionCache::cleanup(), AssertionText("ret"));
+    rkdouble::SetResult("rk_server_close", 1);
+}
+
+}  // namespace

@@ -1,0 +1,81 @@
+// Failing POSIX thread calls end the process with the assertion texts of the runtime's guards.
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "TezaServerConnection.h"
+#include "TezaServerHealthChecker.h"
+#include "TezaWrapper.h"
+#include "assertion.h"
+#include "pthread_failures.h"
+#include "runtime_fixture.h"
+
+namespace {
+
+using PthreadFailureDeathTest = testsupport::RuntimeTest;
+
+TEST_F(PthreadFailureDeathTest, FailingOnceWhenCreatingTheQuarantineMap) {
+    TezaServerConnection d = testsupport::Descriptor();
+    EXPECT_DEATH(
+        {
+            pthreadfail::FailNextOnce();
+            d.quarantine();
+        },
+        AssertionText("!result"));
+}
+
+TEST_F(PthreadFailureDeathTest, FailingLockInTheHealthCheckerRegistry) {
+    EXPECT_DEATH(
+        {
+            pthreadfail::FailNextMutexLock();
+            TezaServerHealthCheckerRegistry::isServerHealthy("srv7");
+        },
+        AssertionText("!ret"));
+    EXPECT_DEATH(
+        {
+            pthreadfail::FailNextMutexLock();
+            TezaServerHealthCheckerRegistry::registerHealthChecker(nullptr);
+        },
+        AssertionText("!ret"));
+}
+
+TEST_F(PthreadFailureDeathTest, FailingUnlockInTheHealthCheckerRegistry) {
+    EXPECT_DEATH(
+        {
+            pthreadfail::FailNextMutexUnlock();
+            TezaServerHealthCheckerRegistry::isServerHealthy("srv7");
+        },
+        AssertionText("!ret"));
+    EXPECT_DEATH(
+        {
+            pthreadfail::FailNextMutexUnlock();
+            TezaServerHealthCheckerRegistry::registerHealthChecker(nullptr);
+        },
+        AssertionText("!ret"));
+}
+
+TEST_F(PthreadFailureDeathTest, FailingLockInTezaWrapper) {
+    std::string error;
+    EXPECT_DEATH(
+        {
+            pthreadfail::FailNextMutexLock();
+            TezaWrapper::init(error);
+        },
+        AssertionText("lock_res==0"));
+}
+
+TEST_F(PthreadFailureDeathTest, FailingUnlockInTezaWrapper) {
+    std::string error;
+    ASSERT_TRUE(TezaWrapper::init(error));
+    // Running already, so the wrapper's own unlock is the next one.
+    EXPECT_DEATH(
+        {
+            pthreadfail::FailNextMutexUnlock();
+            TezaWrapper::init(error);
+        },
+        AssertionText("unlock_res==0"));
+    TezaWrapper::cleanup();
+}
+
+}  // namespace
