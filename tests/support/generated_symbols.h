@@ -7,6 +7,7 @@
 namespace testsupport {
 
 // How many times the runtime has called TezaNamespaceFactory::registerDefaultTypeFactory().
+// Each call also registers the "store", "net" and "tracked" factories of test_records.h.
 int RegisterDefaultTypeFactoryCalls();
 
 }  // namespace testsupport
