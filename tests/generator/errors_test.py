@@ -422,6 +422,19 @@ class SchemaErrorTest(unittest.TestCase):
             "'string'?)",
         )
 
+    def test_schemas_given_together_need_distinct_file_names(self):
+        os.makedirs(os.path.join(self.tmp, "a"))
+        os.makedirs(os.path.join(self.tmp, "b"))
+        self.assert_errors(
+            {
+                "a/shop.teza": "namespace a { type x { n : int32; } }\n",
+                "b/shop.v2.teza": "namespace b { type y { n : int32; } }\n",
+            },
+            "b/shop.v2.teza:1:1: error: duplicate module shop: schema files given together need "
+            "distinct file names",
+            "a/shop.teza:1:1: note: the other schema file",
+        )
+
     def test_a_byte_order_mark_is_not_part_of_the_first_word(self):
         result = self.generate({"api.teza": "\ufeffnamespace a { type x { n : int32; } }\n"},
                                "--check")
