@@ -127,15 +127,29 @@ TEST_F(TezaConnectionCacheTest, ReleaseAfterCleanupClosesAtOnce) {
     EXPECT_EQ(rkdouble::Calls(), (Lines{"rk_server_close(h1)"}));
 }
 
-TEST_F(TezaConnectionCacheTest, ReleaseBeforeInitClosesAtOnce) {
-    // A cache that was never set up behaves like one that was shut down; in a process of its
-    // own this test sees the state at load.
-    TezaConnectionCache::cleanup();
-    rk_server_t* h = Open();
+// A cache in the state of a freshly loaded library: never initialised. Each test case runs in
+// a process of its own, so nothing has called init() before these.
+using TezaConnectionCacheAtLoadTest = testsupport::RuntimeTest;
+
+TEST_F(TezaConnectionCacheAtLoadTest, ReleaseBeforeInitClosesAtOnce) {
+    rk_server_t* h = rk_server_open("srv7", 1, 21);
     rkdouble::ClearCalls();
-    Release(h);
+    TezaConnectionCache::releaseConnection(h, "srv7", 1, 21, kStyle, kType, kTransport, 443,
+                                           "admin", "secret");
     EXPECT_EQ(rkdouble::Calls(), (Lines{"rk_server_close(h1)"}));
-    EXPECT_EQ(Get(), nullptr);
+    EXPECT_EQ(TezaConnectionCache::getConnection("srv7", 1, 21, kStyle, kType, kTransport, 443,
+                                                 "admin", "secret", 7),
+              nullptr);
+}
+
+TEST_F(TezaConnectionCacheAtLoadTest, AgeBeforeInitDoesNothing) {
+    rk_server_t* h = rk_server_open("srv7", 1, 21);
+    TezaConnectionCache::releaseConnection(h, "srv7", 1, 21, kStyle, kType, kTransport, 443,
+                                           "admin", "secret");
+    rkdouble::ClearCalls();
+    testclock::Advance(1000);
+    TezaConnectionCache::age();
+    EXPECT_TRUE(rkdouble::Calls().empty());
 }
 
 TEST_F(TezaConnectionCacheTest, GetAfterCleanupReturnsNull) {
@@ -370,12 +384,47 @@ TEST_F(TezaConnectionCacheTest, AgedEntriesAreReusable) {
     EXPECT_EQ(rkdouble::CountCalls("rk_server_close"), 0);  // no eviction
 }
 
-TEST_F(TezaConnectionCacheTest, AgeBeforeInitDoesNothing) {
+TEST_F(TezaConnectionCacheTest, AgeAfterCleanupDoesNothing) {
     TezaConnectionCache::cleanup();
     rkdouble::ClearCalls();
     testclock::Advance(1000);
     TezaConnectionCache::age();
     EXPECT_TRUE(rkdouble::Calls().empty());
+}
+TEST_F(TezaConnectionCacheTest, HashTakesHostBytesAsUnsigned) {
+    // Within a bucket a lookup matches host and version only, so a handle released for one
+    // port is found for another port exactly when both keys share a bucket. Two ports are
+    // chosen that share one under the unsigned hash but would not if the host's bytes above
+    // 0x7f were taken as signed.
+    const std::string host = "h\xc3\xa9te";
+    auto signedBucket = [&](int port) {
+        uint64_t h = 0;
+        auto add = [&h](uint64_t x) { h = (h * 31 + x) % 4294967296ull; };
+        for (char c : host) {
+            add(static_cast<uint32_t>(static_cast<int32_t>(static_cast<signed char>(c))));
+        }
+        for (int v : {1, 21, static_cast<int>(kStyle), static_cast<int>(kType),
+                      static_cast<int>(kTransport), port}) {
+            add(static_cast<uint32_t>(v));
+        }
+        for (unsigned char c : std::string("adminsecret")) {
+            add(c);
+        }
+        return static_cast<uint32_t>(h % 203);
+    };
+    auto bucket = [&](int port) {
+        return Bucket(host, 1, 21, kStyle, kType, kTransport, port, "admin", "secret");
+    };
+    int other = 0;
+    for (int port = 1; port < 1000000 && other == 0; ++port) {
+        if (port != 443 && bucket(port) == bucket(443) && signedBucket(port) != signedBucket(443)) {
+            other = port;
+        }
+    }
+    ASSERT_NE(other, 0);
+    rk_server_t* h = Open(host);
+    Release(h, host, 443);
+    EXPECT_EQ(Get(host, other), h);
 }
 
 // --- The ageing thread ----------------------------------------------------------------------

@@ -13,6 +13,7 @@
 
 #include "TezaConnectionCache.h"
 #include "TezaServerConnection.h"
+#include "TezaWrapper.h"
 #include "assertion.h"
 #include "generated_symbols.h"
 #include "rk_double.h"
@@ -148,6 +149,20 @@ TEST_F(QuarantineTest, OpenGoesOnWhenTheLibraryFailsToStartAndRetriesNextTime) {
     d.close();
     ASSERT_EQ(d.open().status, TezaStatus::Success);
     EXPECT_EQ(rkdouble::CountCalls("rk_startup"), 2);
+}
+
+TEST_F(QuarantineTest, FailedLibraryStartIsCountedBackOut) {
+    // The failed start is balanced at once, so the wrapper's count is zero again: a cleanup
+    // of the wrapper now would be fatal, and a later successful start is the first.
+    rkdouble::FailStartup("no licence");
+    TezaServerConnection::init();
+    EXPECT_DEATH(TezaWrapper::cleanup(), AssertionText("_refcnt>0"));
+    rkdouble::Reset();
+    std::string error;
+    ASSERT_TRUE(TezaWrapper::init(error));
+    rkdouble::ClearCalls();
+    TezaWrapper::cleanup();
+    EXPECT_EQ(rkdouble::Calls(), (Lines{"rk_shutdown()"}));
 }
 
 TEST_F(QuarantineTest, CleanupStopsWhatInitStarted) {
@@ -313,6 +328,21 @@ TEST_F(QuarantineTest, ALargerConnectTimeoutIsAllowedThrough) {
     _log.Create();
     EXPECT_FALSE(Server(20).isQuarantined());
     EXPECT_EQ(LogMessages(), (Lines{"volume-get: allow quarantined srv7 to be used (20 > 15)"}));
+}
+
+TEST_F(QuarantineTest, ConnectTimeoutsAreComparedUnsigned) {
+    FailOnce();
+    _log.Create();
+    // 4294967295 exceeds the causal 15 only as an unsigned number; the line prints it with %d.
+    EXPECT_FALSE(Server(4294967295u).isQuarantined());
+    EXPECT_EQ(LogMessages(), (Lines{"volume-get: allow quarantined srv7 to be used (-1 > 15)"}));
+}
+
+TEST_F(QuarantineTest, RepeatedFailureRaisesTheCausalTimeoutComparedUnsigned) {
+    FailOnce();
+    _log.Create();
+    Server(4294967295u).quarantine();
+    EXPECT_THAT(LogMessages(), Contains("volume-get: changing causal timeout from 15 to -1 srv7"));
 }
 
 TEST_F(QuarantineTest, ServerNotInTheMapIsNotQuarantined) {

@@ -490,8 +490,9 @@ TezaStatus TezaServerConnection::open() {
 // --- Quarantine -------------------------------------------------------------------------------
 
 time_t TezaServerConnection::getUptime() {
-    // Wall-clock seconds, not a monotonic clock.
-    struct timeval now;
+    // Wall-clock seconds, not a monotonic clock. Zeroed first: a failed read gives 0, not an
+    // undefined value.
+    struct timeval now = {0, 0};
     gettimeofday(&now, NULL);
     return now.tv_sec;
 }

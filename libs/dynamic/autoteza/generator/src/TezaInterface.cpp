@@ -1,0 +1,333 @@
+// TezaInterface's invocation frame: the tracing of API calls, the per-API counters and the
+// timing values.
+
+#include <stdlib.h>
+#include <sys/time.h>
+#include <time.h>
+
+#include <iostream>
+#include <sstream>
+#include <string>
+
+#include "TezaCounter.h"
+#include "TezaServerConnection.h"
+#include "TezaStatus.h"
+#include "TezaTime.h"
+#include "TezaTracer.h"
+#include "TezaUtil.h"
+#include "rk.h"
+
+// --- Trace hook ---------------------------------------------------------------------------
+
+// Weak and never inlined, so that every call from the runtime goes through the dynamic linker
+// and a host's own definition takes this one's place.
+extern "C" __attribute__((weak, noinline)) void TRACE_PRINTRLC_U(void*, int, const char*,
+                                                                 const char*) {}
+
+namespace {
+
+// Every hooked trace text is of kind 1, request or response alike.
+const int kHookKind = 1;
+// Level 2 cuts an element trace to this many characters, prefix included.
+const size_t kShortTraceLength = 100;
+
+bool hookOn(const void* handle, const char* label) {
+    return handle != nullptr && label != nullptr;
+}
+
+// "Mon dd hh:mm:ss" in UTC, with the leading zero of the day of month replaced by a space.
+std::string getTime() {
+    time_t now = time(nullptr);
+    struct tm utc = {};
+    gmtime_r(&now, &utc);
+    char buffer[24];
+    size_t ret = strftime(buffer, sizeof(buffer), "%b %d %H:%M:%S", &utc);
+    TEZA_ASSERT(ret);
+    if (buffer[4] == '0') {
+        buffer[4] = ' ';
+    }
+    return buffer;
+}
+
+// Copies the element's text into `out` and releases the client library's copy; false when the
+// client library could not render it.
+bool elementText(rk_elem_t* element, std::string* out) {
+    char* text = rk_elem_sprintf(element);
+    if (text == nullptr) {
+        return false;
+    }
+    out->assign(text);
+    free(text);
+    return true;
+}
+
+// Hands the element's text to the hook, when the client library can render it.
+void hookElement(rk_elem_t* element, void* handle, const char* label) {
+    char* text = rk_elem_sprintf(element);
+    if (text != nullptr) {
+        TRACE_PRINTRLC_U(handle, kHookKind, label, text);
+        free(text);
+    }
+}
+
+// Holds a counter's mutex for one update or read. Counting never fails a call, so the lock
+// and unlock results are not checked.
+class CountLock {
+  public:
+    explicit CountLock(pthread_mutex_t& mutex) : _mutex(mutex) {
+        (void)pthread_mutex_lock(&_mutex);
+    }
+    ~CountLock() { (void)pthread_mutex_unlock(&_mutex); }
+
+    CountLock(const CountLock&) = delete;
+    CountLock& operator=(const CountLock&) = delete;
+
+  private:
+    pthread_mutex_t& _mutex;
+};
+
+}  // namespace
+
+// --- TezaTracer ----------------------------------------------------------------------------
+
+TezaTracer::TezaTracer() : _traceLevel(0) {}
+
+TezaTracer::~TezaTracer() {}
+
+std::string TezaTracer::prefix(const unsigned int& tag, const TezaTraceType& type) {
+    std::ostringstream text;
+    text << getTime() << " TezaInterface: Tag: " << tag;
+    switch (type) {
+        case TRACE_REQUEST:
+            text << " Request: ";
+            break;
+        case TRACE_RESPONSE:
+            text << " Response: ";
+            break;
+        default:
+            text << ' ';
+            break;
+    }
+    return text.str();
+}
+
+void TezaTracer::printServerConnection(unsigned int tag, const TezaServerConnection& connection,
+                                       const bool& force, void* handle, const char* label) {
+    const int level = effectiveLevel(force);
+    const bool hook = hookOn(handle, label);
+    std::ostringstream trace;
+    if (!((level <= 0 || level == 4) && !hook)) {
+        trace << prefix(tag, TRACE_NONE) << "TezaServerConnection: "
+              << " host: " << connection.getHost() << " major: " << connection.getMajorVersion()
+              << " minor: " << connection.getMinorVersion()
+              << " style: " << static_cast<int>(connection.getStyle())
+              << " type: " << static_cast<int>(connection.getServerType())
+              << " transport: " << static_cast<int>(connection.getTransport())
+              << " port: " << connection.getPort()
+              << " connect timeout: " << connection.getConnectTimeout()
+              << " call timeout: " << connection.getCallTimeout() << '\n';
+    }
+    const std::string line = trace.str();
+    if (!line.empty() && hook) {
+        TRACE_PRINTRLC_U(handle, kHookKind, label, line.c_str());
+    }
+    // Level 4 keeps quiet only while the hook is off: with the hook on the line was built
+    // above and is written here like at any other non-zero level.
+    if (level != 0) {
+        std::cout << line;
+    }
+}
+
+void TezaTracer::printEmptyRequest(const unsigned int& tag, const bool& force, void* handle,
+                                   const char* label) {
+    const int level = effectiveLevel(force);
+    const bool hook = hookOn(handle, label);
+    std::ostringstream trace;
+    // Unlike the response side, level 1 alone builds no line here; the asymmetry is kept.
+    if (level > 1 || hook) {
+        trace << prefix(tag, TRACE_NONE) << '<' << getTraceName() << ">\n";
+    }
+    const std::string line = trace.str();
+    if (hook) {
+        TRACE_PRINTRLC_U(handle, kHookKind, label, line.c_str());
+    }
+    if (level == 0) {
+        return;
+    }
+    if (level == 4) {
+        _heldRequest = line;
+        return;
+    }
+    std::cout << line;
+}
+
+void TezaTracer::printEmptyResponse(const unsigned int& tag, const bool& force, void* handle,
+                                    const char* label) {
+    const int level = effectiveLevel(force);
+    const bool hook = hookOn(handle, label);
+    std::ostringstream trace;
+    if (hook || level >= 1) {
+        trace << prefix(tag, TRACE_RESPONSE) << " Received response for: <" << getTraceName()
+              << ">\n";
+    }
+    const std::string line = trace.str();
+    if (hook) {
+        TRACE_PRINTRLC_U(handle, kHookKind, label, line.c_str());
+    }
+    if (level != 0) {
+        std::cout << line;
+    }
+}
+
+void TezaTracer::printRequest(const unsigned int& tag, rk_elem_t* request, const bool& force,
+                              void* handle, const char* label) {
+    const int level = effectiveLevel(force);
+    const bool hook = hookOn(handle, label);
+    std::ostringstream trace;
+    if (request != nullptr && level >= 2) {
+        std::string text;
+        if (elementText(request, &text)) {
+            trace << prefix(tag, TRACE_REQUEST) << text << '\n';
+        }
+    }
+    // The hook gets the element text on its own, taken afresh.
+    if (request != nullptr && hook) {
+        hookElement(request, handle, label);
+    }
+    if (level == 0) {
+        return;
+    }
+    std::string line = trace.str();
+    if (line.empty() || level == 1) {
+        // The force flag is deliberately not passed on: the short line follows the tracker's
+        // own level.
+        printEmptyRequest(tag, false, handle, label);
+        return;
+    }
+    if (level == 2) {
+        // The cut counts the prefix too; a shorter text keeps its own line end and gains one.
+        line = line.substr(0, kShortTraceLength) + "\n";
+    }
+    // A last guard: a trace that reaches this point is never written as nothing.
+    if (line.empty()) {
+        line = prefix(tag, TRACE_NONE) + "No request to print\n";
+    }
+    if (level == 4) {
+        _heldRequest = line;
+    } else if (level == 2 || level == 3) {
+        std::cout << line;
+    }
+}
+
+void TezaTracer::printResponse(const unsigned int& tag, rk_elem_t* response, const bool& force,
+                               void* handle, const char* label) {
+    const int level = effectiveLevel(force);
+    const bool hook = hookOn(handle, label);
+    std::ostringstream trace;
+    if (response != nullptr && level >= 2) {
+        std::string text;
+        if (elementText(response, &text)) {
+            // The element text ends with its own line end.
+            trace << prefix(tag, TRACE_RESPONSE) << text;
+        }
+    }
+    if (response != nullptr && hook) {
+        hookElement(response, handle, label);
+    }
+    std::string line = trace.str();
+    // No early stop at level 0, unlike the request side: the short line then reaches only the
+    // hook.
+    if (line.empty() || level == 1) {
+        printEmptyResponse(tag, false, handle, label);
+        return;
+    }
+    if (level == 2) {
+        line = line.substr(0, kShortTraceLength) + "\n";
+    }
+    // A last guard, as for requests.
+    if (line.empty()) {
+        line = prefix(tag, TRACE_NONE) + "No response to print\n";
+    }
+    if (level == 4) {
+        // A failed call brings out the request held for it; a passed one stays quiet.
+        if (rk_results_status(response) != 1) {
+            std::cout << _heldRequest + line;
+        }
+    } else if (level == 2 || level == 3) {
+        std::cout << line;
+    }
+}
+
+void TezaTracer::printTezaFailed(const unsigned int& tag, const TezaServerConnection& connection,
+                                 const TezaStatus& status, const bool& force, void* handle,
+                                 const char* label) {
+    const int level = effectiveLevel(force);
+    std::ostringstream trace;
+    trace << prefix(tag, TRACE_NONE) << "Host: " << connection.getHost()
+          << " Teza failed. Request: <" << getTraceName() << "> Error: " << status.errnum
+          << " Reason: " << status.reason << '\n';
+    const std::string line = trace.str();
+    if (hookOn(handle, label)) {
+        TRACE_PRINTRLC_U(handle, kHookKind, label, line.c_str());
+    }
+    if (level != 0) {
+        std::cout << line;
+    }
+}
+
+// --- TezaCounter ---------------------------------------------------------------------------
+
+TezaCounter::TezaCounter()
+    : _successes(0), _failures(0), _flaggedSuccesses(0), _flaggedFailures(0) {
+    pthread_mutex_init(&_mutex, nullptr);
+}
+
+TezaCounter::~TezaCounter() {
+    pthread_mutex_destroy(&_mutex);
+}
+
+void TezaCounter::success(bool flag) {
+    CountLock lock(_mutex);
+    ++_successes;
+    if (flag) {
+        ++_flaggedSuccesses;
+    }
+}
+
+void TezaCounter::failure(bool flag) {
+    CountLock lock(_mutex);
+    ++_failures;
+    if (flag) {
+        ++_flaggedFailures;
+    }
+}
+
+uint64_t TezaCounter::getSuccesses() const {
+    CountLock lock(_mutex);
+    return _successes;
+}
+
+uint64_t TezaCounter::getFailures() const {
+    CountLock lock(_mutex);
+    return _failures;
+}
+
+uint64_t TezaCounter::getFlaggedSuccesses() const {
+    CountLock lock(_mutex);
+    return _flaggedSuccesses;
+}
+
+uint64_t TezaCounter::getFlaggedFailures() const {
+    CountLock lock(_mutex);
+    return _flaggedFailures;
+}
+
+// --- TezaTime ------------------------------------------------------------------------------
+
+TezaTime::TezaTime() : _value(0) {
+    gettimeofday(&_time, nullptr);
+}
+
+TezaTime::~TezaTime() {}
+
+const int TezaTiming::MAX_ENTRIES;
