@@ -398,7 +398,8 @@ class SchemaErrorTest(unittest.TestCase):
 
     def test_interface_id_must_be_a_number(self):
         self.assert_errors(
-            "namespace depot {\n    family stock id seven { }\n    family audit id 2147483648 { }\n}\n",
+            "namespace depot {\n    family stock id seven { }\n"
+            "    family audit id 2147483648 { }\n}\n",
             "api.teza:2:21: error: interface id 'seven' of family 'stock' is not a number from 0 "
             "to 2147483647",
             "api.teza:3:21: error: interface id '2147483648' of family 'audit' is not a number "

@@ -4,7 +4,9 @@ import os
 
 import jinja2
 
-TEMPLATE_DIR = os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))), "templates")
+TEMPLATE_DIR = os.path.join(
+    os.path.dirname(os.path.dirname(os.path.abspath(__file__))), "templates"
+)
 
 GLOBALS_FILE = "teza_globals.cpp"
 
