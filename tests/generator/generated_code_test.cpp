@@ -7,6 +7,7 @@
 #include <limits>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "TezaFieldType.h"
@@ -549,6 +550,37 @@ TEST_F(Generated, FamiliesNameTheirApis) {
     EXPECT_EQ(AccountFamily::getApiName(AccountFamily::API_DEPOT_PING), "depot-ping");
     EXPECT_EQ(AccountFamily::getApiName(4), "");
     EXPECT_EQ(AccountFamily::getApiName(-1), "");
+}
+
+// Factories, descriptors and trackers are built on first use; threads that meet them first at
+// the same time all get the same, complete objects.
+TEST_F(Generated, ManyThreadsShareFactoriesDescriptorsAndTrackers) {
+    constexpr int kThreads = 8;
+    std::vector<const TezaFieldTypeMetaData*> descriptors(kThreads);
+    std::vector<TezaTracer*> trackers(kThreads);
+    std::vector<int> copiesMade(kThreads);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([t, &descriptors, &trackers, &copiesMade] {
+            descriptors[t] = &depot::DepotVersion::metaData();
+            trackers[t] = TezaNS_depot::getTezaTracker(2, depot::BucketFamily::API_BUCKET_DELETE);
+            AccountInfo original = FilledAccount();
+            for (int i = 0; i < 50; ++i) {
+                std::unique_ptr<TezaFieldType> copy(
+                    TezaNamespaceFactory::copyInstance("depot", "account-info", original));
+                copiesMade[t] += copy != nullptr;
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    for (int t = 0; t < kThreads; ++t) {
+        EXPECT_EQ(descriptors[t], descriptors[0]);
+        EXPECT_EQ(trackers[t], trackers[0]);
+        EXPECT_EQ(copiesMade[t], 50);
+    }
+    EXPECT_EQ(trackers[0]->getTraceName(), "bucket-delete");
 }
 
 }  // namespace
