@@ -423,6 +423,32 @@ int rk_server_set_timeout(rk_server_t* server, int seconds) {
                      [&](HandleSettings& s) { s.timeout = seconds; });
 }
 
+int rk_server_set_ca_file(rk_server_t* server, const char* path) {
+    Record("rk_server_set_ca_file", server, path);
+    return Configure("rk_server_set_ca_file", server, [](HandleSettings&) {});
+}
+
+int rk_server_set_client_cert(rk_server_t* server, const char* cert_path, const char* key_path,
+                              const char* key_passphrase) {
+    Record("rk_server_set_client_cert", server, cert_path, key_path, key_passphrase);
+    return Configure("rk_server_set_client_cert", server, [](HandleSettings&) {});
+}
+
+int rk_server_set_max_response_size(rk_server_t* server, size_t bytes) {
+    Record("rk_server_set_max_response_size", server, bytes);
+    return Configure("rk_server_set_max_response_size", server, [](HandleSettings&) {});
+}
+
+int rk_inprocess_register(const char* name, rk_inprocess_handler_t handler, void* context) {
+    Record("rk_inprocess_register", name, reinterpret_cast<const void*>(handler), context);
+    return IntResult("rk_inprocess_register", name != nullptr && handler != nullptr ? 1 : 0);
+}
+
+int rk_inprocess_unregister(const char* name) {
+    Record("rk_inprocess_unregister", name);
+    return IntResult("rk_inprocess_unregister", name != nullptr ? 1 : 0);
+}
+
 rk_elem_t* rk_server_invoke(rk_server_t* server, const char* api, ...) {
     std::vector<std::pair<std::string, std::string>> pairs;
     va_list args;

@@ -11,6 +11,9 @@
 // results for functions that return pointers, a start-up failure with a message, and a
 // responder that answers the API calls sent on server handles.
 //
+// rk_inprocess_register and rk_inprocess_unregister are recorded only: the responder answers
+// every call, whatever the handle's transport.
+//
 // Thread-safe: the stress tests call it from many threads. Reset() between tests.
 #ifndef TEZA_TESTS_RK_DOUBLE_H_
 #define TEZA_TESTS_RK_DOUBLE_H_

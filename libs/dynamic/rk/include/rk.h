@@ -41,33 +41,134 @@ typedef struct rk_iterator {
 
 /* ---- Start-up ------------------------------------------------------------------------- */
 
-/* Starts the library. Non-zero when started; otherwise a NUL-terminated reason is left in
- * errbuf (when errbuf is not null and errbuflen > 0). Starting twice is harmless. */
+/* Starts the library, libcurl's global state included. Non-zero when started; otherwise a
+ * NUL-terminated reason is left in errbuf (when errbuf is not null and errbuflen > 0).
+ * Starting twice is harmless. Calls on server handles fail with RK_ERR_NOT_STARTED while the
+ * library is not started. */
 RK_API int rk_startup(char* errbuf, int errbuflen);
+/* Stops the library. libcurl's global state is released once no handle holds a connection. */
 RK_API void rk_shutdown(void);
 /* Non-zero while the library is started. */
 RK_API int rk_is_started(void);
 
 /* ---- Server handles ------------------------------------------------------------------- */
 
-/* A new handle for a server; the connection itself is made by the first call. Never null for
- * a non-null host. The caller owns the handle and closes it with rk_server_close. */
+/* Connection styles, set with rk_server_set_style. */
+#define RK_STYLE_LOGIN_PASSWORD 0 /* HTTP basic authentication with the admin user (default) */
+#define RK_STYLE_CERTIFICATE 1    /* not supported: calls fail with RK_ERR_STYLE */
+#define RK_STYLE_TOKEN 2          /* not supported: calls fail with RK_ERR_STYLE */
+#define RK_STYLE_NONE 3           /* no credentials are sent */
+
+/* Server types, set with rk_server_set_server_type; the server refuses a type it is not. */
+#define RK_SERVER_TYPE_ANY 0 /* default: any server answers */
+#define RK_SERVER_TYPE_NODE 1
+#define RK_SERVER_TYPE_CLUSTER 2
+#define RK_SERVER_TYPE_AGENT 3
+#define RK_SERVER_TYPE_DEPOT 4
+
+/* Transports, set with rk_server_set_transport_type. The host given to rk_server_open is a
+ * host name or address for HTTP and HTTPS, the name of a registered in-process server for
+ * RK_TRANSPORT_IN_PROCESS and the path of the server's socket for RK_TRANSPORT_UNIX_SOCKET. */
+#define RK_TRANSPORT_HTTP 0        /* default; port 0 means 80 */
+#define RK_TRANSPORT_HTTPS 1       /* server certificate and host name verified; port 0 means 443 */
+#define RK_TRANSPORT_IN_PROCESS 2  /* a server registered with rk_inprocess_register */
+#define RK_TRANSPORT_UNIX_SOCKET 3 /* plain HTTP over a Unix domain socket; the port is unused */
+
+/* Error numbers of failed results that the library makes itself (docs/wire-format.md). */
+#define RK_ERR_NOT_STARTED 13001     /* rk_startup was not called, or rk_shutdown was */
+#define RK_ERR_STYLE 13010           /* connection style not supported or unknown */
+#define RK_ERR_TRANSPORT 13011       /* transport unknown or not available */
+#define RK_ERR_PORT 13012            /* port outside 0 to 65535 */
+#define RK_ERR_HOST 13013            /* no host, or one that cannot be put in a URL */
+#define RK_ERR_REQUEST 13014         /* no request element, or an invalid API or argument name */
+#define RK_ERR_NO_MEMORY 13020       /* memory exhausted */
+#define RK_ERR_REFUSED 13055         /* the server refused the connection */
+#define RK_ERR_RESOLVE 13056         /* the host name could not be resolved */
+#define RK_ERR_CONNECT_TIMEOUT 13057 /* no connection within the time-out */
+#define RK_ERR_CONNECT 13058         /* any other failure to connect */
+#define RK_ERR_TIMEOUT 13060         /* connected, but no complete answer within the time-out */
+#define RK_ERR_CLOSED 13062          /* the server closed the connection without an answer */
+#define RK_ERR_RECV 13063            /* receiving failed (connection reset...) */
+#define RK_ERR_SEND 13064            /* sending failed */
+#define RK_ERR_TLS_HANDSHAKE 13070   /* TLS handshake failed */
+#define RK_ERR_TLS_UNTRUSTED 13071   /* server certificate not trusted or not for this host */
+#define RK_ERR_TLS_SETUP 13072       /* CA file, client certificate or key unusable */
+#define RK_ERR_HTTP_STATUS 13080     /* HTTP error status without a TEZA result */
+#define RK_ERR_MALFORMED 13081       /* answer is not well-formed XML, or empty */
+#define RK_ERR_TRUNCATED 13082       /* answer shorter than announced: connection lost */
+#define RK_ERR_TOO_LARGE 13083       /* answer over the handle's size limit */
+#define RK_ERR_NOT_RESULT 13084      /* well-formed answer that is not a results element */
+#define RK_ERR_PROTOCOL 13085        /* the server's HTTP could not be understood */
+#define RK_ERR_NO_SERVER 13090       /* no in-process server of that name is registered */
+#define RK_ERR_NO_ANSWER 13091       /* the in-process server gave no result */
+#define RK_ERR_OTHER 13099           /* any other transfer failure; the reason says which */
+
+/* A new handle for a server; the connection itself is made by the first call and kept open
+ * for the calls that follow (one persistent HTTP/1.1 connection per handle). Never null for
+ * a non-null host. The caller owns the handle and closes it with rk_server_close, which
+ * closes its connection. */
 RK_API rk_server_t* rk_server_open(const char* host, int major, int minor);
 RK_API int rk_server_close(rk_server_t* server);
+/* The setters store their value and return non-zero for any non-null handle, whatever the
+ * value: an unsupported or invalid setting is reported by the next call, as a failed result
+ * with a reason. */
 RK_API int rk_server_set_style(rk_server_t* server, int style);
 RK_API int rk_server_set_server_type(rk_server_t* server, int type);
 RK_API int rk_server_set_transport_type(rk_server_t* server, int transport, const void* reserved);
 RK_API int rk_server_set_port(rk_server_t* server, int port);
 RK_API int rk_server_set_admin_user(rk_server_t* server, const char* login, const char* password);
-/* Seconds for connecting and for each whole call; 0 means no limit. */
+/* Seconds for connecting and for each whole call; 0 (the default) or less means no limit of
+ * the library's own (libcurl's default limit of 300 s on connecting still applies). The
+ * in-process transport has no time-out. */
 RK_API int rk_server_set_timeout(rk_server_t* server, int seconds);
+/* HTTPS: the PEM file of the certificates that the server's certificate must chain to; null
+ * or "" uses the system's trusted certificates (the default). */
+RK_API int rk_server_set_ca_file(rk_server_t* server, const char* path);
+/* HTTPS: a client certificate and its private key (PEM files) for servers that ask for one,
+ * with the key's pass phrase or null. A null key_path means the key is in the certificate's
+ * file; a null cert_path removes both. */
+RK_API int rk_server_set_client_cert(rk_server_t* server, const char* cert_path,
+                                     const char* key_path, const char* key_passphrase);
+/* The largest answer body accepted, in bytes; 0 restores the default, RK_PARSE_MAX_BYTES. A
+ * larger answer fails with RK_ERR_TOO_LARGE. */
+RK_API int rk_server_set_max_response_size(rk_server_t* server, size_t bytes);
 
 /* Sends the API named `api` with (name, value) text pairs as its children; a null name ends
- * the pairs. Returns a result element for every outcome on a non-null handle (never null
- * then); the caller frees it. */
+ * the pairs (a null value sends the empty text). Returns a result element for every outcome
+ * on a non-null handle (never null then, short of memory exhaustion); the caller frees it.
+ * Results of failures made by the library carry an error number of 13000 to 13999 (above).
+ * The reason of every result returned here is in wire form, entity references as they stand,
+ * whether the server or the library made it. */
 RK_API rk_elem_t* rk_server_invoke(rk_server_t* server, const char* api, ...);
-/* Sends `request` (not taken over). Returns a result element as rk_server_invoke does. */
+/* Sends `request` (not taken over); its name is the API name. Returns a result element as
+ * rk_server_invoke does. */
 RK_API rk_elem_t* rk_server_invoke_elem(rk_server_t* server, rk_elem_t* request);
+
+/* ---- In-process servers --------------------------------------------------------------- */
+
+/* What an in-process server learns of a call besides its request. */
+typedef struct rk_inprocess_call {
+    const char* host;     /* the name the handle was opened with */
+    int major, minor;     /* the handle's API version */
+    int style;            /* RK_STYLE_LOGIN_PASSWORD or RK_STYLE_NONE */
+    int server_type;      /* the handle's server type */
+    const char* login;    /* the admin user; null when no credentials are sent */
+    const char* password; /* null when no credentials are sent */
+} rk_inprocess_call_t;
+
+/* Answers one call on the calling thread, possibly on several threads at once. `request`
+ * belongs to the library and lives for the call; its texts are in wire form (entity
+ * references as they stand), as a server reading it from the network would see them. Returns
+ * a new result element, which the library takes over, or null: the caller then gets a failed
+ * result RK_ERR_NO_ANSWER. */
+typedef rk_elem_t* (*rk_inprocess_handler_t)(void* context, const rk_inprocess_call_t* call,
+                                             rk_elem_t* request);
+/* Makes `handler` answer the calls of handles opened with host `name` and the in-process
+ * transport. Zero when the name is empty or already registered, or the handler is null. */
+RK_API int rk_inprocess_register(const char* name, rk_inprocess_handler_t handler, void* context);
+/* Ends the registration, after waiting for the calls in progress; the context may be freed
+ * once it returns. Must not be called from the handler. Zero when the name is not registered. */
+RK_API int rk_inprocess_unregister(const char* name);
 
 /* ---- Results -------------------------------------------------------------------------- */
 

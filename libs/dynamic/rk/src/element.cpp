@@ -301,6 +301,26 @@ rk_elem* ResultsNewFailed(const char* reason, int errnum) {
     return result;
 }
 
+rk_elem* ResultsNewFailedWire(const std::string& reason, int errnum) {
+    rk_elem* result = ResultsNewFailed("", errnum);
+    std::string escaped;
+    AppendEscaped(reason, &escaped);
+    for (RkAttribute& attr : result->attributes) {
+        if (attr.name == kReasonAttr) {
+            attr.text = RkText{std::move(escaped), true};
+        }
+    }
+    return result;
+}
+
+bool IsResults(const rk_elem* elem) {
+    if (elem == nullptr || elem->name != kResultsName) {
+        return false;
+    }
+    const char* status = ElemGetAttr(elem, kStatusAttr);
+    return status != nullptr && (strcmp(status, kPassed) == 0 || strcmp(status, kFailed) == 0);
+}
+
 void CopyToBuffer(const std::string& text, char* buffer, int size) {
     if (buffer == nullptr || size <= 0) {
         return;

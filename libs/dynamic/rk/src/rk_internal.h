@@ -72,6 +72,16 @@ const char* ResultsReason(const rk_elem* result);
 int ResultsErrno(const rk_elem* result);
 rk_elem* ResultsNewPassed();
 rk_elem* ResultsNewFailed(const char* reason, int errnum);
+// A failed result whose reason is stored in wire form (escaped, as if read from XML), which is
+// how every result that a server handle returns carries its reason.
+rk_elem* ResultsNewFailedWire(const std::string& reason, int errnum);
+bool IsResults(const rk_elem* elem);
+
+// Appends `text` to `out` with the five XML special characters written as entities.
+void AppendEscaped(const std::string& text, std::string* out);
+// Turns every plain text and attribute value of the tree into its wire form (escaped markup),
+// so that the tree reads as if it had been parsed from its XML text.
+void ToWireForm(rk_elem* root);
 
 // XML text. Appends the indented text of `elem` to `out`.
 void WriteXml(const rk_elem* elem, std::string* out);

@@ -14,30 +14,6 @@ namespace rk {
 
 namespace {
 
-void AppendEscaped(const std::string& text, std::string* out) {
-    for (char c : text) {
-        switch (c) {
-            case '&':
-                out->append("&amp;");
-                break;
-            case '<':
-                out->append("&lt;");
-                break;
-            case '>':
-                out->append("&gt;");
-                break;
-            case '"':
-                out->append("&quot;");
-                break;
-            case '\'':
-                out->append("&apos;");
-                break;
-            default:
-                out->push_back(c);
-        }
-    }
-}
-
 void AppendText(const RkText& text, std::string* out) {
     if (text.markup) {
         // Markup from the wire is already escaped and is written as it stands.
@@ -75,6 +51,54 @@ void AppendOpenTag(const rk_elem* elem, std::string* out) {
 }
 
 }  // namespace
+
+void AppendEscaped(const std::string& text, std::string* out) {
+    for (char c : text) {
+        switch (c) {
+            case '&':
+                out->append("&amp;");
+                break;
+            case '<':
+                out->append("&lt;");
+                break;
+            case '>':
+                out->append("&gt;");
+                break;
+            case '"':
+                out->append("&quot;");
+                break;
+            case '\'':
+                out->append("&apos;");
+                break;
+            default:
+                out->push_back(c);
+        }
+    }
+}
+
+void ToWireForm(rk_elem* root) {
+    if (root == nullptr) {
+        return;
+    }
+    auto convert = [](RkText* text) {
+        if (!text->markup) {
+            std::string escaped;
+            AppendEscaped(text->value, &escaped);
+            text->value = std::move(escaped);
+            text->markup = true;
+        }
+    };
+    std::vector<rk_elem*> pending{root};
+    while (!pending.empty()) {
+        rk_elem* elem = pending.back();
+        pending.pop_back();
+        convert(&elem->content);
+        for (RkAttribute& attr : elem->attributes) {
+            convert(&attr.text);
+        }
+        pending.insert(pending.end(), elem->children.begin(), elem->children.end());
+    }
+}
 
 void WriteXml(const rk_elem* root, std::string* out) {
     if (root == nullptr) {

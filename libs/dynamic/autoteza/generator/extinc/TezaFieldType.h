@@ -21,11 +21,13 @@
 #include <stdint.h>
 
 #include <bitset>
+#include <ostream>
 #include <string>
 #include <vector>
 
 #include "TezaFieldTypeMetaData.h"
 #include "TezaUtil.h"
+#include "rk.h"
 
 class TEZA_API TezaFieldType {
   public:
@@ -146,6 +148,34 @@ class TEZA_API TezaFieldType {
     // no value, text or nested record. Assigning a cleared record leaves this one cleared.
     TezaFieldType& operator=(const TezaFieldType& src);
 
+    // --- Element trees -----------------------------------------------------------------------
+    // Writes every set field of this record, in descriptor order, as children of `elem`: text
+    // and number children, one element per nested record, a wrapper element per array. Only
+    // single text and number fields honour the encrypted flag (and, in raw-string mode, single
+    // booleans); array items and booleans go out in the clear. A set array with no items
+    // still writes its wrapper. A null `elem` writes nothing. Aborts on a cleared record or
+    // when the client library refuses to attach a child.
+    void constructRkChildElement(rk_elem_t* elem) const;
+    // Releases every value, then reads the fields found among the children of `elem`: what is
+    // missing stays unset, texts are entity-decoded, numbers are converted without checks,
+    // nested records are made by the namespace factory. An empty array reads as unset, and
+    // nested typedefs are not read back from the shape the writer gives them; both are kept as
+    // they are for compatibility with existing servers and callers. In raw-string mode single
+    // values are kept as received, entity references included, while array items are
+    // decoded. A null `elem` only releases. Aborts on a cleared record or when the factory cannot
+    // make a present record.
+    void parseRkChildElement(rk_elem_t* elem);
+    // Replaces the five XML entities &lt; &gt; &apos; &quot; &amp; in one left-to-right pass:
+    // a replaced character is never read again ("&amp;lt;" gives "&lt;"), and any other
+    // sequence is kept as it is.
+    static std::string getDecodedString(const std::string& text);
+
+    // --- Text rendering ----------------------------------------------------------------------
+    // The type's name, then one line per field, set or not, each prefixed by `indent` spaces;
+    // nested records are indented four spaces more. Values are shown in the clear. Empty for
+    // a cleared record.
+    std::string toString(int indent) const;
+
   private:
     bool _isCleared;
     int32_t _numFields;              // the descriptor's field count, or 0 when cleared
@@ -154,5 +184,8 @@ class TEZA_API TezaFieldType {
     int32_t* _fieldCounts;           // element count of array field i
     bool _storeAsRawString;
 };
+
+// Writes record.toString(0).
+TEZA_API std::ostream& operator<<(std::ostream& os, const TezaFieldType& record);
 
 #endif  // TEZA_FIELD_TYPE_H_

@@ -1,0 +1,237 @@
+// Server handles: opening, settings, calls and closing. The settings are checked when a call
+// is made, not when they are set, so that every setter succeeds on a valid handle and every
+// problem reaches the caller as a failed result with a reason.
+
+#include <stdarg.h>
+
+#include <memory>
+#include <string>
+
+#include "transport.h"
+
+namespace {
+
+const char* StyleName(int style) {
+    switch (style) {
+        case RK_STYLE_CERTIFICATE:
+            return "certificate";
+        case RK_STYLE_TOKEN:
+            return "token";
+        default:
+            return "unknown";
+    }
+}
+
+// Characters that may stand in the host part of a URL without changing its meaning.
+bool IsUrlHost(const std::string& host) {
+    for (char c : host) {
+        bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+                  c == '.' || c == '-' || c == '_' || c == ':' || c == '%' || c == '[' || c == ']';
+        if (!ok) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// The failed result for settings that cannot make a call, or null when they can.
+rk_elem* CheckSettings(const rk::ServerSettings& s) {
+    if (!rk::IsStarted()) {
+        return rk::ResultsNewFailedWire(
+            "the client library is not started: call rk_startup before calling a server",
+            RK_ERR_NOT_STARTED);
+    }
+    if (s.style != RK_STYLE_LOGIN_PASSWORD && s.style != RK_STYLE_NONE) {
+        return rk::ResultsNewFailedWire(
+            "connection style " + std::to_string(s.style) + " (" + StyleName(s.style) +
+                ") is not supported: use 0 (login and password) or 3 (none)",
+            RK_ERR_STYLE);
+    }
+    if (s.transport < RK_TRANSPORT_HTTP || s.transport > RK_TRANSPORT_UNIX_SOCKET) {
+        return rk::ResultsNewFailedWire(
+            "unknown transport " + std::to_string(s.transport) +
+                ": use 0 (HTTP), 1 (HTTPS), 2 (in-process) or 3 (Unix socket)",
+            RK_ERR_TRANSPORT);
+    }
+    if (s.host.empty()) {
+        return rk::ResultsNewFailedWire("no host to call", RK_ERR_HOST);
+    }
+    if (s.transport == RK_TRANSPORT_HTTP || s.transport == RK_TRANSPORT_HTTPS) {
+        if (s.port < 0 || s.port > 65535) {
+            return rk::ResultsNewFailedWire(
+                "port " + std::to_string(s.port) + " is outside 0 to 65535", RK_ERR_PORT);
+        }
+        if (!IsUrlHost(s.host)) {
+            return rk::ResultsNewFailedWire("host '" + s.host + "' is not a host name or address",
+                                            RK_ERR_HOST);
+        }
+    }
+    return nullptr;
+}
+
+rk_elem* Invoke(rk_server* server, const rk_elem* request) {
+    if (server == nullptr) {
+        return rk::ResultsNewFailedWire("no server handle", RK_ERR_REQUEST);
+    }
+    if (request == nullptr) {
+        return rk::ResultsNewFailedWire("no request element to send", RK_ERR_REQUEST);
+    }
+    const rk::ServerSettings& s = server->settings;
+    if (rk_elem* refused = CheckSettings(s)) {
+        return refused;
+    }
+    if (s.transport == RK_TRANSPORT_IN_PROCESS) {
+        return rk::InProcessCall(s, request);
+    }
+    if (server->http == nullptr) {
+        server->http = rk::HttpConnection::Create();
+        if (server->http == nullptr) {
+            return rk::ResultsNewFailedWire(
+                "the client library is not started: call rk_startup before calling a server",
+                RK_ERR_NOT_STARTED);
+        }
+    }
+    std::string body = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n";
+    rk::WriteXml(request, &body);
+    return server->http->Call(s, body);
+}
+
+// Runs a call; memory exhaustion becomes a failed result if even that can be allocated.
+template <typename F>
+rk_elem* GuardedCall(F body) noexcept {
+    try {
+        return body();
+    } catch (...) {
+    }
+    try {
+        return rk::ResultsNewFailedWire("out of memory", RK_ERR_NO_MEMORY);
+    } catch (...) {
+        return nullptr;
+    }
+}
+
+// Applies `set` to the handle's settings; every setter succeeds on a non-null handle.
+template <typename F>
+int Set(rk_server_t* server, F set) noexcept {
+    if (server == nullptr) {
+        return 0;
+    }
+    try {
+        set(server->settings);
+    } catch (...) {
+        return 0;
+    }
+    ++server->settings.generation;
+    return 1;
+}
+
+std::string Text(const char* s) {
+    return s == nullptr ? std::string() : std::string(s);
+}
+
+}  // namespace
+
+extern "C" {
+
+rk_server_t* rk_server_open(const char* host, int major, int minor) {
+    if (host == nullptr) {
+        return nullptr;
+    }
+    try {
+        auto server = std::make_unique<rk_server>();
+        server->settings.host = host;
+        server->settings.major = major;
+        server->settings.minor = minor;
+        return server.release();
+    } catch (...) {
+        return nullptr;
+    }
+}
+
+int rk_server_close(rk_server_t* server) {
+    if (server == nullptr) {
+        return 0;
+    }
+    delete server;  // the HttpConnection's destructor closes the connection
+    return 1;
+}
+
+int rk_server_set_style(rk_server_t* server, int style) {
+    return Set(server, [&](rk::ServerSettings& s) { s.style = style; });
+}
+
+int rk_server_set_server_type(rk_server_t* server, int type) {
+    return Set(server, [&](rk::ServerSettings& s) { s.serverType = type; });
+}
+
+int rk_server_set_transport_type(rk_server_t* server, int transport, const void* reserved) {
+    (void)reserved;
+    return Set(server, [&](rk::ServerSettings& s) { s.transport = transport; });
+}
+
+int rk_server_set_port(rk_server_t* server, int port) {
+    return Set(server, [&](rk::ServerSettings& s) { s.port = port; });
+}
+
+int rk_server_set_admin_user(rk_server_t* server, const char* login, const char* password) {
+    return Set(server, [&](rk::ServerSettings& s) {
+        s.hasUser = login != nullptr;
+        s.login = Text(login);
+        s.password = Text(password);
+    });
+}
+
+int rk_server_set_timeout(rk_server_t* server, int seconds) {
+    return Set(server,
+               [&](rk::ServerSettings& s) { s.timeoutSeconds = seconds < 0 ? 0 : seconds; });
+}
+
+int rk_server_set_ca_file(rk_server_t* server, const char* path) {
+    return Set(server, [&](rk::ServerSettings& s) { s.caFile = Text(path); });
+}
+
+int rk_server_set_client_cert(rk_server_t* server, const char* cert_path, const char* key_path,
+                              const char* key_passphrase) {
+    return Set(server, [&](rk::ServerSettings& s) {
+        s.certFile = Text(cert_path);
+        s.keyFile = cert_path == nullptr ? std::string() : Text(key_path);
+        s.hasKeyPassphrase = cert_path != nullptr && key_passphrase != nullptr;
+        s.keyPassphrase = s.hasKeyPassphrase ? key_passphrase : "";
+    });
+}
+
+int rk_server_set_max_response_size(rk_server_t* server, size_t bytes) {
+    return Set(server, [&](rk::ServerSettings& s) {
+        s.maxResponseBytes = bytes == 0 ? RK_PARSE_MAX_BYTES : bytes;
+    });
+}
+
+rk_elem_t* rk_server_invoke(rk_server_t* server, const char* api, ...) {
+    va_list args;
+    va_start(args, api);
+    rk_elem* result = GuardedCall([&]() -> rk_elem* {
+        if (api == nullptr || !rk::IsValidName(api)) {
+            return rk::ResultsNewFailedWire(
+                "API name '" + Text(api) + "' is not a valid element name", RK_ERR_REQUEST);
+        }
+        std::unique_ptr<rk_elem, void (*)(rk_elem*)> request(rk::ElemNew(api), rk::ElemFree);
+        for (const char* name = va_arg(args, const char*); name != nullptr;
+             name = va_arg(args, const char*)) {
+            const char* value = va_arg(args, const char*);
+            if (rk::ChildAddString(request.get(), name, value == nullptr ? "" : value) == nullptr) {
+                return rk::ResultsNewFailedWire(
+                    "argument name '" + Text(name) + "' is not a valid element name",
+                    RK_ERR_REQUEST);
+            }
+        }
+        return Invoke(server, request.get());
+    });
+    va_end(args);
+    return result;
+}
+
+rk_elem_t* rk_server_invoke_elem(rk_server_t* server, rk_elem_t* request) {
+    return GuardedCall([&] { return Invoke(server, request); });
+}
+
+}  // extern "C"
