@@ -15,6 +15,7 @@
 #include "TezaNamespaceFactory.h"
 #include "TezaTracer.h"
 #include "depot.h"
+#include "element_text.h"
 
 namespace {
 
@@ -409,6 +410,105 @@ TEST_F(Generated, RecordsLiveInStandardContainers) {
     for (const AccountInfo& account : accounts) {
         ExpectFilledAccount(account);
     }
+}
+
+// --- Records on the wire ------------------------------------------------------------------
+
+// The element shapes of docs/schema.md: a record field is wrapped in its type's element unless
+// both have one name, a typedef of a basic type names array items, and each level of a typedef
+// chain is one element.
+TEST_F(Generated, RecordsWriteTheDocumentedElementShapes) {
+    AccountCreateRequest request;
+    AccountInfo account;
+    account.setAccountName("alice");
+    account.setTags({"x"});
+    account.setContactInfo(Contact("a@x", "1"));
+    account.setContacts({Contact("b@x", "2")});
+    request.setAccount(account);
+    request.setInitialBucket(Bucket("one"));
+
+    testsupport::Elem in = testsupport::NewElem("account-create");
+    request.constructRkChildElement(in.get());
+    EXPECT_EQ(testsupport::Xml(in.get()),
+              "<account-create>\n"
+              "  <account>\n"
+              "    <account-info>\n"
+              "      <account-name>alice</account-name>\n"
+              "      <tags>\n"
+              "        <string>x</string>\n"
+              "      </tags>\n"
+              "      <contact-info>\n"
+              "        <email>a@x</email>\n"
+              "        <phone>1</phone>\n"
+              "      </contact-info>\n"
+              "      <contacts>\n"
+              "        <contact-info>\n"
+              "          <email>b@x</email>\n"
+              "          <phone>2</phone>\n"
+              "        </contact-info>\n"
+              "      </contacts>\n"
+              "    </account-info>\n"
+              "  </account>\n"
+              "  <initial-bucket>\n"
+              "    <bucket-attributes>\n"
+              "      <bucket-info>\n"
+              "        <bucket-name>one</bucket-name>\n"
+              "        <replica-zones>\n"
+              "          <zone-name>zone-a</zone-name>\n"
+              "          <zone-name>zone-b</zone-name>\n"
+              "        </replica-zones>\n"
+              "      </bucket-info>\n"
+              "    </bucket-attributes>\n"
+              "  </initial-bucket>\n"
+              "</account-create>\n");
+}
+
+TEST_F(Generated, ArraysBehindATypedefChainWriteOneElementPerLevel) {
+    BucketListReply reply;
+    reply.setBuckets({Bucket("one"), Bucket("two")});
+    reply.setNumRecords(2);
+    testsupport::Elem out = testsupport::NewElem("results");
+    reply.constructRkChildElement(out.get());
+    EXPECT_EQ(testsupport::Xml(out.get()),
+              "<results>\n"
+              "  <buckets>\n"
+              "    <bucket-list>\n"
+              "      <bucket-attributes>\n"
+              "        <bucket-info>\n"
+              "          <bucket-name>one</bucket-name>\n"
+              "          <replica-zones>\n"
+              "            <zone-name>zone-a</zone-name>\n"
+              "            <zone-name>zone-b</zone-name>\n"
+              "          </replica-zones>\n"
+              "        </bucket-info>\n"
+              "        <bucket-info>\n"
+              "          <bucket-name>two</bucket-name>\n"
+              "          <replica-zones>\n"
+              "            <zone-name>zone-a</zone-name>\n"
+              "            <zone-name>zone-b</zone-name>\n"
+              "          </replica-zones>\n"
+              "        </bucket-info>\n"
+              "      </bucket-attributes>\n"
+              "    </bucket-list>\n"
+              "  </buckets>\n"
+              "  <num-records>2</num-records>\n"
+              "</results>\n");
+}
+
+TEST_F(Generated, ARecordReadsBackWhatItWrote) {
+    depot::AccountGetReply reply;
+    reply.setAccount(FilledAccount());
+    testsupport::Elem written = testsupport::NewElem("results");
+    reply.constructRkChildElement(written.get());
+
+    // Through the wire text, as a response arrives.
+    testsupport::Elem received = testsupport::ParseXml(testsupport::Xml(written.get()));
+    depot::AccountGetReply read;
+    read.parseRkChildElement(received.get());
+    const AccountInfo* account = read.getAccount();
+    ASSERT_NE(account, nullptr);
+    ExpectFilledAccount(*account);
+    EXPECT_EQ(read.toString(0), reply.toString(0));
 }
 
 // --- The namespace factory ----------------------------------------------------------------
