@@ -5,13 +5,12 @@
 
 #include <gtest/gtest.h>
 
-#include <mutex>
-#include <ostream>
 #include <string>
 #include <vector>
 
 #include "TezaInterface.h"
 #include "TezaStatus.h"
+#include "hook_recorder.h"
 #include "invocation_support.h"
 #include "rk_double.h"
 #include "test_interface.h"
@@ -19,42 +18,8 @@
 
 namespace {
 
-struct HookCall {
-    void* handle;
-    int kind;
-    std::string label;
-    std::string text;
-
-    bool operator==(const HookCall& other) const {
-        return handle == other.handle && kind == other.kind && label == other.label &&
-               text == other.text;
-    }
-};
-
-void PrintTo(const HookCall& call, std::ostream* out) {
-    *out << "{" << call.handle << ", " << call.kind << ", \"" << call.label << "\", \"" << call.text
-         << "\"}";
-}
-
-std::mutex gHookMutex;
-std::vector<HookCall> gHookCalls;
-
-std::vector<HookCall> TakeHookCalls() {
-    std::lock_guard<std::mutex> lock(gHookMutex);
-    std::vector<HookCall> calls;
-    calls.swap(gHookCalls);
-    return calls;
-}
-
-}  // namespace
-
-extern "C" void TRACE_PRINTRLC_U(void* handle, int kind, const char* label, const char* text) {
-    std::lock_guard<std::mutex> lock(gHookMutex);
-    gHookCalls.push_back(
-        {handle, kind, label == nullptr ? "(null)" : label, text == nullptr ? "(null)" : text});
-}
-
-namespace {
+using testsupport::HookCall;
+using testsupport::TakeHookCalls;
 
 using Hooked = std::vector<HookCall>;
 using testsupport::Descriptor;
