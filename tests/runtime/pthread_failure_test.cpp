@@ -10,6 +10,7 @@
 #include "assertion.h"
 #include "pthread_failures.h"
 #include "runtime_fixture.h"
+#include "test_interface.h"
 
 namespace {
 
@@ -76,6 +77,23 @@ TEST_F(PthreadFailureDeathTest, FailingUnlockInTezaWrapper) {
         },
         AssertionText("unlock_res==0"));
     TezaWrapper::cleanup();
+}
+
+// The tag counter's own lock is the first one an API call takes and releases.
+TEST_F(PthreadFailureDeathTest, FailingLockOrUnlockOfTheTagCounter) {
+    teza_volume::VolumeInterface volumes(testsupport::Descriptor());
+    EXPECT_DEATH(
+        {
+            pthreadfail::FailNextMutexLock();
+            volumes.systemPing();
+        },
+        ::testing::AllOf(AssertionText("!ret"), ::testing::HasSubstr("getNextTag")));
+    EXPECT_DEATH(
+        {
+            pthreadfail::FailNextMutexUnlock();
+            volumes.systemPing();
+        },
+        ::testing::AllOf(AssertionText("!ret"), ::testing::HasSubstr("getNextTag")));
 }
 
 }  // namespace

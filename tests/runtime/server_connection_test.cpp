@@ -222,6 +222,29 @@ TEST_F(TezaServerConnectionTest, SelfAssignmentKeepsHandleAndFlags) {
     d.setCachable(false);
 }
 
+TEST_F(TezaServerConnectionTest, RemoteMarkIsCopiedAndAssignedButNotSerialised) {
+    TezaServerConnection d = Descriptor();
+    d.setRemote("site-b");
+    EXPECT_TRUE(d.isremote());
+
+    TezaServerConnection copy(d);
+    EXPECT_TRUE(copy.isremote());
+    TezaServerConnection target = Descriptor("other");
+    target = d;
+    EXPECT_TRUE(target.isremote());
+
+    std::string text;
+    d.xcdr_2bytes(text);
+    EXPECT_EQ(text.find("site-b"), std::string::npos);
+    TezaServerConnection read = Descriptor("other");
+    ASSERT_TRUE(read.xcdr_frombytes(text));
+    EXPECT_FALSE(read.isremote());
+
+    d.setRemote("");
+    EXPECT_FALSE(d.isremote());
+    EXPECT_TRUE(rkdouble::Calls().empty());
+}
+
 // --- Setters ----------------------------------------------------------------------------------
 
 TEST_F(TezaServerConnectionTest, SettersOnClosedDescriptorOnlyStore) {

@@ -120,6 +120,10 @@ class TEZA_API TezaServerConnection {
     void setUseHealthChecker(bool use);
     // Keeps the pointer, not a copy of the text: it must outlive its use.
     void setProc(const char* proc);
+    // A non-empty text marks the descriptor remote, the empty text local again; TezaInterface
+    // neither opens nor invokes through a remote descriptor. Copies carry the mark, the text
+    // form does not.
+    void setRemote(const std::string& remote);
 
     // Opens a handle: a cached one when the cache has it, otherwise a fresh one; refuses a
     // quarantined server (error 14007) when the health check is on. REQUIRES: closed.
