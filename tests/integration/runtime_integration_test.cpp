@@ -1,6 +1,7 @@
 // The runtime end to end over the real client library: generated interfaces and records (from
-// demo.teza) calling tezad's demo service and scripted faults over HTTP, HTTPS and in process.
-// Servers run in the test's own process on a free loopback port, or as the tezad executable.
+// demo.teza) calling tezad's demo service and scripted faults over HTTP, HTTPS, a Unix socket
+// and in process. Servers run in the test's own process (on a free loopback port, a socket in
+// a temporary directory, or in process), or as the tezad executable; each test stops its own.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -473,6 +474,22 @@ TEST_F(RuntimeIntegration, InProcessTransport) {
     TezaServerConnection none =
         Descriptor(0, 10, TezaServerConnection::TRANSPORT_IN_PROCESS, kPassword, "node-none");
     none.unquarantine();
+}
+
+TEST_F(RuntimeIntegration, UnixSocketTransport) {
+    TempDir dir;
+    ServerConfig config;
+    config.http.unixPath = dir.File("tezad.sock");
+    TestServer server(config);
+    demo::AccountInterface api(Descriptor(0, 10, TezaServerConnection::TRANSPORT_UNIX_SOCKET,
+                                          kPassword, config.http.unixPath));
+    for (int i = 0; i < 3; ++i) {
+        demo::AccountCreateReply created;
+        TezaStatus status = api.accountCreate(NewAccount("sock" + std::to_string(i)), created);
+        ASSERT_EQ(status.status, TezaStatus::Success) << status;
+    }
+    EXPECT_EQ(server.core().GetCounters().connections, 1u);
+    EXPECT_EQ(server.core().GetCounters().callsPerApi.at("account-create"), 3u);
 }
 
 // --- TLS ------------------------------------------------------------------------------------
