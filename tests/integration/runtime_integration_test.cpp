@@ -313,9 +313,14 @@ TEST_F(RuntimeIntegration, TamperedEncryptedFieldInAResultReadsAsUnset) {
 }
 
 struct Fault {
+    const char* name;  // of the test case
     const char* rule;  // the script's action for account-list
     int errnum;        // what the runtime reports
 };
+
+void PrintTo(const Fault& fault, std::ostream* out) {
+    *out << "account-list " << fault.rule;
+}
 
 class ScriptedFault : public RuntimeIntegration, public ::testing::WithParamInterface<Fault> {};
 
@@ -328,18 +333,21 @@ TEST_P(ScriptedFault, ReachesTheCallerAsApiFailed) {
     EXPECT_EQ(status.errnum, GetParam().errnum) << status;
     EXPECT_NE(status.reason, "");
     EXPECT_FALSE(list.isCountSet());
-    // The failed call's handle was closed, not cached: the server still answers a new one.
+    // The failed call's handle was closed, not cached; the next call connects afresh.
     EXPECT_EQ(api.systemGetCorviVersion().status, TezaStatus::Success);
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Faults, ScriptedFault,
-    ::testing::Values(Fault{"fail 15102 no account named \"bob\"", 15102},
-                      Fault{"http 503 down for maintenance", RK_ERR_HTTP_STATUS},
-                      Fault{"raw", RK_ERR_MALFORMED}, Fault{"malformed", RK_ERR_MALFORMED},
-                      Fault{"raw <other/>", RK_ERR_NOT_RESULT},
-                      Fault{"truncated", RK_ERR_TRUNCATED}, Fault{"drop", RK_ERR_CLOSED},
-                      Fault{"refuse", RK_ERR_RECV}, Fault{"delay=3000 pass", RK_ERR_TIMEOUT}));
+    ::testing::Values(Fault{"Fail", "fail 15102 no account named \"bob\"", 15102},
+                      Fault{"HttpStatus", "http 503 down for maintenance", RK_ERR_HTTP_STATUS},
+                      Fault{"EmptyBody", "raw", RK_ERR_MALFORMED},
+                      Fault{"Malformed", "malformed", RK_ERR_MALFORMED},
+                      Fault{"NotAResult", "raw <other/>", RK_ERR_NOT_RESULT},
+                      Fault{"Truncated", "truncated", RK_ERR_TRUNCATED},
+                      Fault{"Drop", "drop", RK_ERR_CLOSED}, Fault{"Refuse", "refuse", RK_ERR_RECV},
+                      Fault{"Delay", "delay=3000 pass", RK_ERR_TIMEOUT}),
+    [](const ::testing::TestParamInfo<Fault>& info) { return std::string(info.param.name); });
 
 TEST_F(RuntimeIntegration, ScriptedPassAndEchoFillTheOutputRecord) {
     TestServer server(
