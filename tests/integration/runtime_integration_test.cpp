@@ -6,7 +6,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <spawn.h>
 #include <stdlib.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -26,8 +25,8 @@
 #include "log_file.h"
 #include "rk.h"
 #include "test_server.h"
+#include "tezad_process.h"
 
-extern char** environ;
 
 // Found by argument-dependent lookup, in TezaStatus's namespace; for failure messages.
 static std::ostream& operator<<(std::ostream& out, const TezaStatus& status) {
@@ -564,74 +563,12 @@ TEST_F(RuntimeTls, UntrustedCertificateFailsTheConnection) {
 
 // --- The tezad executable ---------------------------------------------------------------------
 
-// A tezad process with its output in files of `dir`; killed at destruction if still running.
-class TezadProcess {
-  public:
-    TezadProcess(const TempDir& dir, std::vector<std::string> args) : _out(dir.File("tezad.out")) {
-        args.insert(args.begin(), TEZAD_PATH);
-        std::vector<char*> argv;
-        for (std::string& arg : args) {
-            argv.push_back(&arg[0]);
-        }
-        argv.push_back(nullptr);
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, 1, _out.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
-                                         0600);
-        posix_spawn_file_actions_addopen(&actions, 2, dir.File("tezad.err").c_str(),
-                                         O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        if (posix_spawn(&_pid, TEZAD_PATH, &actions, nullptr, argv.data(), environ) != 0) {
-            _pid = -1;
-        }
-        posix_spawn_file_actions_destroy(&actions);
-    }
-    ~TezadProcess() {
-        if (_pid > 0) {
-            kill(_pid, SIGKILL);
-            waitpid(_pid, nullptr, 0);
-        }
-    }
-    TezadProcess(const TezadProcess&) = delete;
-    TezadProcess& operator=(const TezadProcess&) = delete;
-
-    // The port tezad printed, waiting up to ten seconds for it; 0 if it printed none.
-    int Port() const {
-        const std::string prefix = "tezad: listening on http://127.0.0.1:";
-        for (int i = 0; i < 1000 && _pid > 0; ++i) {
-            const std::string out = teza_test::ReadFile(_out);
-            const size_t start = out.find(prefix);
-            if (start != std::string::npos && out.find('\n', start) != std::string::npos) {
-                return atoi(out.c_str() + start + prefix.size());
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-        return 0;
-    }
-
-    // Sends SIGTERM; the exit status, or -1 when tezad did not exit normally within ten
-    // seconds.
-    int Stop() {
-        kill(_pid, SIGTERM);
-        for (int i = 0; i < 1000; ++i) {
-            int status = 0;
-            if (waitpid(_pid, &status, WNOHANG) == _pid) {
-                _pid = -1;
-                return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-        return -1;
-    }
-
-  private:
-    std::string _out;
-    pid_t _pid = -1;
-};
+using teza_test::TezadProcess;
 
 TEST_F(RuntimeIntegration, TezadExecutableCountsOneConnectionForCachedCalls) {
     TempDir dir;
     const std::string script = dir.Write("script", "account-list times=1 fail 15102 gone <soon>\n");
-    TezadProcess tezad(dir,
+    TezadProcess tezad(TEZAD_PATH, dir,
                        {"--user", std::string(kLogin) + ":" + kPassword, "--api-version",
                         std::to_string(kMajor) + "." + std::to_string(kMinor), "--script", script});
     const int port = tezad.Port();
@@ -659,9 +596,10 @@ TEST_F(RuntimeIntegration, TezadExecutableCountsOneConnectionForCachedCalls) {
 
 TEST_F(RuntimeIntegration, EncryptedFieldUnderAnotherKeyIsRefusedByTezad) {
     TempDir dir;
-    TezadProcess tezad(dir, {"--user", std::string(kLogin) + ":" + kPassword, "--api-version",
-                             std::to_string(kMajor) + "." + std::to_string(kMinor), "--key",
-                             "not the client's key"});
+    TezadProcess tezad(
+        TEZAD_PATH, dir,
+        {"--user", std::string(kLogin) + ":" + kPassword, "--api-version",
+         std::to_string(kMajor) + "." + std::to_string(kMinor), "--key", "not the client's key"});
     const int port = tezad.Port();
     ASSERT_GT(port, 0);
 

@@ -5,7 +5,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <spawn.h>
 #include <stdlib.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -17,88 +16,11 @@
 
 #include "rk.h"
 #include "test_server.h"
+#include "tezad_process.h"
 
-extern char** environ;
 
 namespace teza_test {
 namespace {
-
-// A tezad process whose output goes to files in `dir`. Killed at destruction if still
-// running.
-class TezadProcess {
-  public:
-    TezadProcess(const TempDir& dir, std::vector<std::string> args)
-        : _out(dir.File("tezad.out")), _err(dir.File("tezad.err")) {
-        args.insert(args.begin(), TEZAD_PATH);
-        std::vector<char*> argv;
-        for (std::string& arg : args) {
-            argv.push_back(&arg[0]);
-        }
-        argv.push_back(nullptr);
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, 1, _out.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
-                                         0600);
-        posix_spawn_file_actions_addopen(&actions, 2, _err.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
-                                         0600);
-        if (posix_spawn(&_pid, TEZAD_PATH, &actions, nullptr, argv.data(), environ) != 0) {
-            _pid = -1;
-        }
-        posix_spawn_file_actions_destroy(&actions);
-    }
-    ~TezadProcess() {
-        if (_pid > 0) {
-            kill(_pid, SIGKILL);
-            waitpid(_pid, nullptr, 0);
-        }
-    }
-    TezadProcess(const TezadProcess&) = delete;
-    TezadProcess& operator=(const TezadProcess&) = delete;
-
-    // The URL tezad printed, waiting up to ten seconds for it; empty if it printed none.
-    std::string Url() {
-        const std::string prefix = "tezad: listening on ";
-        for (int i = 0; i < 1000 && _pid > 0; ++i) {
-            std::string out = ReadFile(_out);
-            size_t start = out.find(prefix);
-            size_t end = out.find('\n', start);
-            if (start != std::string::npos && end != std::string::npos) {
-                return out.substr(start + prefix.size(), end - start - prefix.size());
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-        return "";
-    }
-    int Port() {
-        std::string url = Url();
-        size_t colon = url.rfind(':');
-        return colon == std::string::npos ? 0 : atoi(url.c_str() + colon + 1);
-    }
-
-    // Sends `signal` and returns the exit status, or -1 if tezad did not exit normally
-    // within ten seconds.
-    int Stop(int signal) {
-        kill(_pid, signal);
-        return Wait();
-    }
-    int Wait() {
-        for (int i = 0; i < 1000; ++i) {
-            int status = 0;
-            if (waitpid(_pid, &status, WNOHANG) == _pid) {
-                _pid = -1;
-                return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-        return -1;
-    }
-    std::string Err() const { return ReadFile(_err); }
-
-  private:
-    std::string _out;
-    std::string _err;
-    pid_t _pid = -1;
-};
 
 class Tezad : public ::testing::Test {
   protected:
@@ -116,7 +38,7 @@ std::vector<std::string> With(std::vector<std::string> more) {
 }
 
 TEST_F(Tezad, ListensOnAFreeLoopbackPortAndStopsOnSigterm) {
-    TezadProcess tezad(_dir, kUser);
+    TezadProcess tezad(TEZAD_PATH, _dir, kUser);
     std::string url = tezad.Url();
     const std::string loopback = "http://127.0.0.1:";
     ASSERT_EQ(url.substr(0, loopback.size()), loopback);
@@ -136,7 +58,7 @@ TEST_F(Tezad, ListensOnAFreeLoopbackPortAndStopsOnSigterm) {
 }
 
 TEST_F(Tezad, StopsOnSigintWithAConnectionOpen) {
-    TezadProcess tezad(_dir, kUser);
+    TezadProcess tezad(TEZAD_PATH, _dir, kUser);
     ServerPtr h = OpenHandle("127.0.0.1", tezad.Port());
     ASSERT_EQ(Call(h.get(), "system-get-corvi-version").status, 1);
     // The idle keep-alive connection does not hold the server up.
@@ -152,7 +74,7 @@ TEST_F(Tezad, RefusesBadOptions) {
                                           {"--tls-cert", "x.pem"},
                                           {"--user", "nopassword"},
                                           {"--script", "/nonexistent/script"}}) {
-        TezadProcess tezad(_dir, args);
+        TezadProcess tezad(TEZAD_PATH, _dir, args);
         EXPECT_EQ(tezad.Wait(), 2) << args[0];
     }
 }
@@ -160,7 +82,8 @@ TEST_F(Tezad, RefusesBadOptions) {
 TEST_F(Tezad, ScriptOnAUnixSocket) {
     std::string script = _dir.Write("faults.txt", "job-get fail 15102 no job <42> here\n");
     std::string socket = _dir.File("tezad.sock");
-    TezadProcess tezad(_dir, With({"--unix", socket, "--script", script, "--type", "depot"}));
+    TezadProcess tezad(TEZAD_PATH, _dir,
+                       With({"--unix", socket, "--script", script, "--type", "depot"}));
     EXPECT_EQ(tezad.Url(), "unix:" + socket);
     ServerPtr h = OpenHandle(socket, 0, RK_TRANSPORT_UNIX_SOCKET);
     rk_server_set_server_type(h.get(), RK_SERVER_TYPE_DEPOT);
@@ -184,7 +107,7 @@ const char kHeaders[] =
     "-H 'Content-Type: application/xml; charset=utf-8' ";
 
 TEST_F(Tezad, CurlPostingARequestFileGetsTheDocumentedAnswer) {
-    TezadProcess tezad(_dir, kUser);
+    TezadProcess tezad(TEZAD_PATH, _dir, kUser);
     std::string url = tezad.Url() + "/teza";
     std::string request = _dir.Write("request.xml",
                                      "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
@@ -220,7 +143,8 @@ TEST_F(Tezad, CurlPostingARequestFileGetsTheDocumentedAnswer) {
 TEST_F(Tezad, CurlOverHttpsWithTheServersCertificate) {
     ASSERT_TRUE(MakeCertificate(_dir, "server", "IP:127.0.0.1,DNS:localhost"));
     TezadProcess tezad(
-        _dir, With({"--tls-cert", _dir.File("server.pem"), "--tls-key", _dir.File("server.key")}));
+        TEZAD_PATH, _dir,
+        With({"--tls-cert", _dir.File("server.pem"), "--tls-key", _dir.File("server.key")}));
     std::string url = tezad.Url();
     ASSERT_EQ(url.substr(0, 8), "https://");
     std::string request = _dir.Write("request.xml", "<system-get-corvi-version/>");
@@ -252,7 +176,7 @@ TEST_F(Tezad, XmlWrittenByLibrkPassesXmllint) {
 
     // The same tree after a round trip through tezad (texts now in wire form), written out
     // again by librk.
-    TezadProcess tezad(_dir, With({"--script", _dir.Write("echo.txt", "* echo\n")}));
+    TezadProcess tezad(TEZAD_PATH, _dir, With({"--script", _dir.Write("echo.txt", "* echo\n")}));
     ServerPtr h = OpenHandle("127.0.0.1", tezad.Port());
     ElemPtr echoed(rk_server_invoke_elem(h.get(), request.get()));
     ASSERT_EQ(rk_results_status(echoed.get()), 1) << Read(echoed.get());
