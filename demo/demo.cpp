@@ -94,7 +94,8 @@ TezaServerConnection MakeDescriptor(const std::string& host,
 
 // The runtime has no setting for the certificates a server must chain to. A handle that
 // trusts the given CA file is opened and proved here, then handed to the connection cache,
-// where the descriptor's first open finds it.
+// where the descriptor's next open finds it. A failed call closes its handle instead of
+// caching it, so Report makes a new one after each failure.
 bool PrimeTlsHandle(const Options& options) {
     rk_server_t* server = rk_server_open(options.host.c_str(), kMajor, kMinor);
     rk_server_set_style(server, RK_STYLE_LOGIN_PASSWORD);
@@ -149,6 +150,9 @@ std::string Decoded(const std::string& text) {
     return out;
 }
 
+// Set while calls go over HTTPS with a CA file of the user's.
+const Options* tlsOptions = nullptr;
+
 void Heading(const char* text) {
     printf("\n== %s\n", text);
 }
@@ -161,6 +165,9 @@ bool Report(const char* what, const TezaStatus& status) {
     }
     printf("%s: failed (status %d, error %d): %s\n", what, static_cast<int>(status.status),
            status.errnum, Decoded(status.reason).c_str());
+    if (tlsOptions != nullptr) {
+        PrimeTlsHandle(*tlsOptions);
+    }
     return false;
 }
 
@@ -446,11 +453,15 @@ int main(int argc, char** argv) {
         const TezaServerConnection::Transport transport =
             options.tls ? TezaServerConnection::TRANSPORT_HTTPS
                         : TezaServerConnection::TRANSPORT_HTTP;
-        if (options.tls && !options.caFile.empty() && !PrimeTlsHandle(options)) {
+        if (options.tls && !options.caFile.empty()) {
+            tlsOptions = &options;
+        }
+        if (tlsOptions != nullptr && !PrimeTlsHandle(options)) {
             ++unexpected;
         } else {
             unexpected += RunCalls(MakeDescriptor(options.host, transport, options.port, options));
         }
+        tlsOptions = nullptr;
     }
     unexpected += ShowQuarantine(options);
     PrintSummary();
