@@ -34,7 +34,10 @@ const int kMinor = 21;
 const char kUsage[] =
     "usage: teza-demo [--host HOST --port PORT [--tls [--ca FILE]]] [--user LOGIN]\n"
     "                 [--password PASSWORD]\n"
-    "Without --host the demo server runs inside this process.\n";
+    "Without --host the demo service runs inside this process. With --host and --port the\n"
+    "calls go to a tezad over HTTP, with --tls over HTTPS (--ca: the PEM file of the\n"
+    "certificates the server's must chain to). The user is admin, password secret, unless\n"
+    "given.\n";
 
 struct Options {
     std::string host;
@@ -49,7 +52,10 @@ bool ParseOptions(int argc, char** argv, Options* options) {
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
         const bool hasValue = i + 1 < argc;
-        if (arg == "--tls") {
+        if (arg == "--help" || arg == "-h") {
+            fputs(kUsage, stdout);
+            exit(0);
+        } else if (arg == "--tls") {
             options->tls = true;
         } else if (arg == "--host" && hasValue) {
             options->host = argv[++i];
