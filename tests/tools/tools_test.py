@@ -1,0 +1,237 @@
+"""teza-demo and teza-call run as a user runs them: against the demo service inside their own
+process, and against a tezad on a free loopback port over HTTP and HTTPS, started and stopped
+here. Their output and exit status are checked.
+
+The programs come from the environment: TEZA_DEMO, TEZA_CALL and TEZAD."""
+
+import os
+import re
+import shutil
+import signal
+import subprocess
+import tempfile
+import unittest
+
+DEMO = os.environ.get("TEZA_DEMO", "")
+CALL = os.environ.get("TEZA_CALL", "")
+TEZAD = os.environ.get("TEZAD", "")
+TIMEOUT = 60
+
+# What every full run of the demo prints, in this order, whatever the server.
+DEMO_STEPS = [
+    r"account-create ada: ok\n  new account id: \d+\n",
+    r"account-get ada: ok\n  account \d+: ada \(Ada Lovelace\), quota 5000, enabled\n"
+    r"  address: 12 St James's Square, London\n  tags: math, poetry, engines\n"
+    r"  secret \(decrypted by the client\): analytical engine\n",
+    r"account-verify-secret ada: ok\n  matches: yes\n",
+    r"job-submit bombe: ok\n",
+    r"job-get: ok\n  state queued, priority 5\n",
+    r"account-list: ok\n  ada \(has a secret\)\n  alan\n",
+    r"job-list alan: ok\n  job \d+: bombe \[--rotors, 3, --menu, crib.txt\] queued\n",
+    r'account-delete alan: failed \(status 1, error 15104\): account "alan" has 1 job\(s\) '
+    r"<queued> or <held>: cancel them first\n",
+    r'account-get nobody: failed \(status 1, error 15102\): no account named "nobody"\n',
+    r"job-cancel: ok\naccount-delete alan: ok\n",
+    r"account-list, first call: failed \(status 3, error 13055\): connection refused",
+    r"account-list, second call: failed \(status 3, error 14007\): 127.0.0.1 is not healthy\n"
+    r"quarantined: yes\n",
+    r"  account-create +2 / 0\n  account-get +1 / 1\n  account-list +1 / 2\n"
+    r"  account-delete +1 / 1\n  account-verify-secret +1 / 0\n  job-submit +1 / 0\n"
+    r"  job-get +1 / 0\n  job-list +1 / 0\n  job-cancel +1 / 0\n",
+    r"The demo ran as expected.\n",
+]
+
+# A level-1 trace: the connection line and the response line of a traced call.
+TRACE = (
+    r"TezaInterface: Tag: \d+ TezaServerConnection:  host: {host} major: 1 minor: 21 .*\n"
+    r".*TezaInterface: Tag: \d+ Response:  Received response for: <account-create>\n"
+)
+
+
+def run(args, **kwargs):
+    return subprocess.run(args, capture_output=True, text=True, timeout=TIMEOUT, **kwargs)
+
+
+class Tezad:
+    """A tezad on a free loopback port, stopped with SIGTERM."""
+
+    def __init__(self, *args):
+        self.process = subprocess.Popen(
+            [TEZAD, "--listen", "127.0.0.1", "--port", "0", "--user", "admin:secret", *args],
+            stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        line = self.process.stdout.readline()
+        match = re.match(r"tezad: listening on (https?)://127\.0\.0\.1:(\d+)\n", line)
+        if not match:
+            self.stop()
+            raise AssertionError("tezad did not start: " + line + self.process.stderr.read())
+        self.scheme, self.port = match.group(1), match.group(2)
+
+    def stop(self):
+        if self.process.poll() is None:
+            self.process.send_signal(signal.SIGTERM)
+        self.process.communicate(timeout=TIMEOUT)
+        return self.process.returncode
+
+
+class ToolsTest(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        for name, path in (("TEZA_DEMO", DEMO), ("TEZA_CALL", CALL), ("TEZAD", TEZAD)):
+            if not os.access(path, os.X_OK):
+                raise unittest.SkipTest(f"{name} does not name a program: {path!r}")
+        cls.tmp = tempfile.mkdtemp(prefix="teza-tools-")
+        cls.cert = os.path.join(cls.tmp, "server.pem")
+        cls.key = os.path.join(cls.tmp, "server.key")
+        result = run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt",
+                      "ec_paramgen_curve:prime256v1", "-nodes", "-days", "2", "-subj",
+                      "/CN=localhost", "-addext", "subjectAltName=IP:127.0.0.1,DNS:localhost",
+                      "-keyout", cls.key, "-out", cls.cert])
+        if result.returncode != 0:
+            raise AssertionError("openssl: " + result.stderr)
+
+    @classmethod
+    def tearDownClass(cls):
+        shutil.rmtree(cls.tmp)
+
+    def start_tezad(self, *args):
+        server = Tezad(*args)
+        self.addCleanup(server.stop)
+        return server
+
+    def assert_demo(self, result, host):
+        self.assertEqual(result.returncode, 0, result.stdout + result.stderr)
+        position = 0
+        for step in DEMO_STEPS:
+            match = re.compile(step).search(result.stdout, position)
+            self.assertIsNotNone(match, f"{step!r} not found after:\n{result.stdout[position:]}")
+            position = match.end()
+        self.assertRegex(result.stdout, TRACE.format(host=re.escape(host)))
+        # Only the two traced calls print trace lines.
+        self.assertEqual(len(re.findall(r"Response:  Received response", result.stdout)), 2)
+
+    # --- teza-demo --------------------------------------------------------------------------
+
+    def test_demo_in_process(self):
+        result = run([DEMO])
+        self.assertIn("Server: the demo service in this process (demo-node)", result.stdout)
+        self.assert_demo(result, "demo-node")
+
+    def test_demo_against_tezad_over_http(self):
+        server = self.start_tezad()
+        result = run([DEMO, "--host", "127.0.0.1", "--port", server.port])
+        self.assertIn(f"Server: http://127.0.0.1:{server.port}", result.stdout)
+        self.assert_demo(result, "127.0.0.1")
+        self.assertEqual(server.stop(), 0)
+
+    def test_demo_against_tezad_over_https(self):
+        server = self.start_tezad("--tls-cert", self.cert, "--tls-key", self.key)
+        self.assertEqual(server.scheme, "https")
+        result = run([DEMO, "--host", "127.0.0.1", "--port", server.port, "--tls", "--ca",
+                      self.cert])
+        self.assert_demo(result, "127.0.0.1")
+
+    def test_demo_with_wrong_credentials_fails(self):
+        server = self.start_tezad()
+        result = run([DEMO, "--host", "127.0.0.1", "--port", server.port, "--password", "no"])
+        self.assertEqual(result.returncode, 1)
+        self.assertRegex(result.stdout, r"account-create ada: failed \(status 3, error 15001\)")
+        self.assertIn("did not go as expected", result.stdout)
+
+    def test_demo_usage_errors(self):
+        result = run([DEMO, "--host", "127.0.0.1"])
+        self.assertEqual(result.returncode, 2)
+        self.assertIn("--host needs --port", result.stderr)
+        result = run([DEMO, "--bogus"])
+        self.assertEqual(result.returncode, 2)
+        self.assertIn("unknown or incomplete option '--bogus'", result.stderr)
+
+    # --- teza-call --------------------------------------------------------------------------
+
+    def call(self, *args):
+        return run([CALL, *args])
+
+    def test_call_in_process_prints_the_result_tree(self):
+        result = self.call("--in-process", "system-get-corvi-version")
+        self.assertEqual(result.returncode, 0, result.stderr)
+        self.assertEqual(
+            result.stdout,
+            '<results status="passed">\n  <major-version>1</major-version>\n'
+            "  <minor-version>30</minor-version>\n  <server-type>1</server-type>\n"
+            "  <server>tezad 0.1.0</server>\n</results>\n")
+
+    def test_call_in_process_failure_has_reason_errno_and_status(self):
+        result = self.call("--in-process", "account-get", "name=bob")
+        self.assertEqual(result.returncode, 1)
+        self.assertEqual(result.stdout, "")
+        self.assertEqual(result.stderr,
+                         'teza-call: account-get failed: error 15102: no account named "bob"\n')
+
+    def test_call_against_tezad_over_http(self):
+        server = self.start_tezad()
+        base = ["--host", "127.0.0.1", "--port", server.port, "--user", "admin",
+                "--password", "secret"]
+        created = self.call(*base, "account-create", "name=ada", "full-name=A & B",
+                            "--secret", "secret=s3", "address/street=Main", "address/city=Paris",
+                            "tags/tag=x", "tags/tag=y")
+        self.assertEqual(created.returncode, 0, created.stderr)
+        self.assertRegex(created.stdout,
+                         r'^<results status="passed">\n  <account-id>\d+</account-id>\n'
+                         r"</results>\n$")
+        got = self.call(*base, "account-get", "name=ada")
+        self.assertEqual(got.returncode, 0, got.stderr)
+        for line in ("<name>ada</name>", "<full-name>A &amp; B</full-name>",
+                     "<street>Main</street>", "<city>Paris</city>", "<tag>x</tag>",
+                     "<tag>y</tag>"):
+            self.assertIn(line, got.stdout)
+        self.assertNotIn("s3", got.stdout)  # the secret comes back encrypted
+        verified = self.call(*base, "account-verify-secret", "name=ada", "--secret", "secret=s3")
+        self.assertIn("<matches>true</matches>", verified.stdout)
+
+        failed = self.call(*base, "account-create", "name=ada")
+        self.assertEqual(failed.returncode, 1)
+        self.assertEqual(failed.stderr, 'teza-call: account-create failed: error 15103: '
+                                        'an account named "ada" exists already\n')
+        unknown = self.call(*base, "no-such-api")
+        self.assertEqual(unknown.returncode, 1)
+        self.assertIn("error 15005", unknown.stderr)
+        denied = self.call("--host", "127.0.0.1", "--port", server.port, "--user", "admin",
+                           "--password", "wrong", "account-list")
+        self.assertEqual(denied.returncode, 1)
+        self.assertIn("error 15001", denied.stderr)
+
+    def test_call_against_tezad_over_https(self):
+        server = self.start_tezad("--tls-cert", self.cert, "--tls-key", self.key)
+        base = ["--host", "127.0.0.1", "--port", server.port, "--tls", "--user", "admin",
+                "--password", "secret"]
+        result = self.call(*base, "--ca", self.cert, "account-list")
+        self.assertEqual(result.returncode, 0, result.stderr)
+        self.assertIn("<count>0</count>", result.stdout)
+        # Without the CA file the self-signed certificate is not trusted.
+        untrusted = self.call(*base, "account-list")
+        self.assertEqual(untrusted.returncode, 1)
+        self.assertIn("error 13071", untrusted.stderr)
+
+    def test_call_to_a_closed_port_fails_to_connect(self):
+        server = self.start_tezad()
+        port = server.port
+        server.stop()
+        result = self.call("--host", "127.0.0.1", "--port", port, "account-list")
+        self.assertEqual(result.returncode, 1)
+        self.assertIn("error 13055", result.stderr)
+
+    def test_call_usage_errors(self):
+        for args, message in ((["account-list"], "--host and --port are needed"),
+                              (["--in-process"], "no API named"),
+                              (["--in-process", "account-get", "name"],
+                               "arguments are NAME=VALUE, not: name"),
+                              (["--port", "70000", "x"], "invalid port: 70000")):
+            result = self.call(*args)
+            self.assertEqual(result.returncode, 2, args)
+            self.assertIn(message, result.stderr)
+        bad_name = self.call("--in-process", "account-get", "1name=x")
+        self.assertEqual(bad_name.returncode, 2)
+        self.assertIn("cannot build the request", bad_name.stderr)
+
+
+if __name__ == "__main__":
+    unittest.main()
