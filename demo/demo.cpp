@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "TezaConnectionCache.h"
+#include "TezaFieldType.h"
 #include "TezaServerConnection.h"
 #include "TezaStatus.h"
 #include "TezaWrapper.h"
@@ -130,30 +131,12 @@ bool PrimeTlsHandle(const Options& options) {
     return true;
 }
 
-// Reasons travel as XML text, entity references included; they are shown decoded.
-std::string Decoded(const std::string& text) {
-    static const struct {
-        const char* entity;
-        char c;
-    } kEntities[] = {
-        {"&lt;", '<'}, {"&gt;", '>'}, {"&quot;", '"'}, {"&apos;", '\''}, {"&amp;", '&'}};
-    std::string out;
-    for (size_t i = 0; i < text.size();) {
-        bool replaced = false;
-        for (const auto& e : kEntities) {
-            const size_t n = strlen(e.entity);
-            if (text.compare(i, n, e.entity) == 0) {
-                out += e.c;
-                i += n;
-                replaced = true;
-                break;
-            }
-        }
-        if (!replaced) {
-            out += text[i++];
-        }
-    }
-    return out;
+// invoke decodes the reason of a failed call; the reason of a failed connection is the client
+// library's text as it travels, entity references included, and is decoded here for show.
+std::string ShownReason(const TezaStatus& status) {
+    return status.status == TezaStatus::ConnectionFailed
+               ? TezaFieldType::getDecodedString(status.reason)
+               : status.reason;
 }
 
 // Set while calls go over HTTPS with a CA file of the user's.
@@ -170,7 +153,7 @@ bool Report(const char* what, const TezaStatus& status) {
         return true;
     }
     printf("%s: failed (status %d, error %d): %s\n", what, static_cast<int>(status.status),
-           status.errnum, Decoded(status.reason).c_str());
+           status.errnum, ShownReason(status).c_str());
     if (tlsOptions != nullptr) {
         PrimeTlsHandle(*tlsOptions);
     }
