@@ -212,6 +212,12 @@ void PrintSummary() {
 
 // A loopback port that refuses connections: bound but never listened on, and kept bound
 // while the demo runs so that no one else takes it. Returns the socket, or -1.
+// The down server has a loopback address of its own. The connection cache matches a handle
+// by host and version alone within a hash bucket, so with the live server's address a closed
+// port could be handed the live server's cached handle.
+const uint32_t kDownAddress = 0x7f000002;  // 127.0.0.2
+const char kDownHost[] = "127.0.0.2";
+
 int ClosedLoopbackPort(int* port) {
     int fd = socket(AF_INET, SOCK_STREAM, 0);
     if (fd < 0) {
@@ -220,7 +226,7 @@ int ClosedLoopbackPort(int* port) {
     struct sockaddr_in addr;
     memset(&addr, 0, sizeof addr);
     addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    addr.sin_addr.s_addr = htonl(kDownAddress);
     socklen_t len = sizeof addr;
     if (bind(fd, reinterpret_cast<struct sockaddr*>(&addr), sizeof addr) != 0 ||
         getsockname(fd, reinterpret_cast<struct sockaddr*>(&addr), &len) != 0) {
@@ -380,9 +386,9 @@ int ShowQuarantine(const Options& options) {
         return 1;
     }
     TezaServerConnection down =
-        MakeDescriptor("127.0.0.1", TezaServerConnection::TRANSPORT_HTTP, port, options);
+        MakeDescriptor(kDownHost, TezaServerConnection::TRANSPORT_HTTP, port, options);
     down.setUseHealthChecker(true);
-    printf("server: 127.0.0.1:%d (nothing listens there)\n", port);
+    printf("server: %s:%d (nothing listens there)\n", kDownHost, port);
     demo::AccountInterface accounts(down);
     demo::AccountListReply list;
     int unexpected = 0;

@@ -33,7 +33,7 @@ DEMO_STEPS = [
     r'account-get nobody: failed \(status 1, error 15102\): no account named "nobody"\n',
     r"job-cancel: ok\naccount-delete alan: ok\n",
     r"account-list, first call: failed \(status 3, error 13055\): connection refused",
-    r"account-list, second call: failed \(status 3, error 14007\): 127.0.0.1 is not healthy\n"
+    r"account-list, second call: failed \(status 3, error 14007\): 127.0.0.2 is not healthy\n"
     r"quarantined: yes\n",
     r"  account-create +2 / 0\n  account-get +1 / 1\n  account-list +1 / 2\n"
     r"  account-delete +1 / 1\n  account-verify-secret +1 / 0\n  job-submit +1 / 0\n"
