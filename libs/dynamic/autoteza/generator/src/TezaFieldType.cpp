@@ -118,6 +118,18 @@ static void __releaseTexts(void* slot) {
     delete[] static_cast<std::string*>(slot);
 }
 
+// Stores an array and its count in a field's slot, first releasing the array the slot held
+// when the field was set. `release` knows what kind of array that was.
+template <typename Release>
+static void __replaceArray(bool wasSet, void*& slot, int32_t& slotCount, void* values,
+                           int32_t count, Release release) {
+    if (wasSet) {
+        release(slot, slotCount);
+    }
+    slot = values;
+    slotCount = count;
+}
+
 // Builds the new value before the old one is released, so that a value taken from this very
 // field (or from a record it holds) is still intact while it is copied, and so that an
 // allocation failure leaves the field as it was.
@@ -247,21 +259,16 @@ void TezaFieldType::setFieldValue(int fieldPos, const TezaFieldType& value) {
     fieldSet(fieldPos);
 }
 
-#define TEZA_SET_ARRAY(T)                                                         \
-    void TezaFieldType::setFieldValue(int fieldPos, int count, const T* values) { \
-        TEZA_CHECK_FIELD_ACCESS();                                                \
-        if (_storeAsRawString) {                                                  \
-            return;                                                               \
-        }                                                                         \
-        T* copy = __newArrayCopy(count, values);                                  \
-        if (isFieldSet(fieldPos)) {                                               \
-            delete[] static_cast<T*>(_fieldValues[fieldPos]);                     \
-            _fieldValues[fieldPos] = NULL;                                        \
-            _fieldCounts[fieldPos] = 0;                                           \
-        }                                                                         \
-        _fieldValues[fieldPos] = copy;                                            \
-        _fieldCounts[fieldPos] = count;                                           \
-        fieldSet(fieldPos);                                                       \
+#define TEZA_SET_ARRAY(T)                                                                    \
+    void TezaFieldType::setFieldValue(int fieldPos, int count, const T* values) {            \
+        TEZA_CHECK_FIELD_ACCESS();                                                           \
+        if (_storeAsRawString) {                                                             \
+            return;                                                                          \
+        }                                                                                    \
+        __replaceArray(isFieldSet(fieldPos), _fieldValues[fieldPos], _fieldCounts[fieldPos], \
+                       __newArrayCopy(count, values), count,                                 \
+                       [](void* old, int32_t) { delete[] static_cast<T*>(old); });           \
+        fieldSet(fieldPos);                                                                  \
     }
 
 TEZA_SET_ARRAY(int32_t)
@@ -276,13 +283,8 @@ void TezaFieldType::setFieldValue(int fieldPos, int count, const TezaFieldType* 
     const TezaFieldTypeMetaData& md = getMetaData();
     TezaFieldType* copies = TezaNamespaceFactory::copyInstances(
         md.getNamespace(), __getLowestLevelTypeName(md, fieldPos), count, values);
-    if (isFieldSet(fieldPos)) {
-        __releaseRecords(_fieldValues[fieldPos], _fieldCounts[fieldPos]);
-        _fieldValues[fieldPos] = NULL;
-        _fieldCounts[fieldPos] = 0;
-    }
-    _fieldValues[fieldPos] = copies;
-    _fieldCounts[fieldPos] = count;
+    __replaceArray(isFieldSet(fieldPos), _fieldValues[fieldPos], _fieldCounts[fieldPos], copies,
+                   count, __releaseRecords);
     fieldSet(fieldPos);
 }
 
@@ -291,32 +293,22 @@ void TezaFieldType::setFieldValue(int fieldPos, std::vector<TezaFieldType*>& val
     const TezaFieldTypeMetaData& md = getMetaData();
     TezaFieldType* copies = TezaNamespaceFactory::copyInstances(
         md.getNamespace(), __getLowestLevelTypeName(md, fieldPos), values);
-    if (isFieldSet(fieldPos)) {
-        __releaseRecords(_fieldValues[fieldPos], _fieldCounts[fieldPos]);
-        _fieldValues[fieldPos] = NULL;
-        _fieldCounts[fieldPos] = 0;
-    }
-    _fieldValues[fieldPos] = copies;
-    _fieldCounts[fieldPos] = static_cast<int32_t>(values.size());
+    __replaceArray(isFieldSet(fieldPos), _fieldValues[fieldPos], _fieldCounts[fieldPos], copies,
+                   static_cast<int32_t>(values.size()), __releaseRecords);
     fieldSet(fieldPos);
 }
 
 // --- Adopting setters ---------------------------------------------------------------------------
 
-#define TEZA_ADOPT_ARRAY(T)                                                   \
-    void TezaFieldType::__setFieldValue(int fieldPos, int count, T* values) { \
-        TEZA_CHECK_FIELD_ACCESS();                                            \
-        if (_storeAsRawString) {                                              \
-            return;                                                           \
-        }                                                                     \
-        if (isFieldSet(fieldPos)) {                                           \
-            delete[] static_cast<T*>(_fieldValues[fieldPos]);                 \
-            _fieldValues[fieldPos] = NULL;                                    \
-            _fieldCounts[fieldPos] = 0;                                       \
-        }                                                                     \
-        _fieldValues[fieldPos] = values;                                      \
-        _fieldCounts[fieldPos] = count;                                       \
-        fieldSet(fieldPos);                                                   \
+#define TEZA_ADOPT_ARRAY(T)                                                                       \
+    void TezaFieldType::__setFieldValue(int fieldPos, int count, T* values) {                     \
+        TEZA_CHECK_FIELD_ACCESS();                                                                \
+        if (_storeAsRawString) {                                                                  \
+            return;                                                                               \
+        }                                                                                         \
+        __replaceArray(isFieldSet(fieldPos), _fieldValues[fieldPos], _fieldCounts[fieldPos],      \
+                       values, count, [](void* old, int32_t) { delete[] static_cast<T*>(old); }); \
+        fieldSet(fieldPos);                                                                       \
     }
 
 TEZA_ADOPT_ARRAY(int32_t)
@@ -328,13 +320,8 @@ TEZA_ADOPT_ARRAY(std::string)
 
 void TezaFieldType::__setFieldValue(int fieldPos, int count, TezaFieldType* values) {
     TEZA_CHECK_FIELD_ACCESS();
-    if (isFieldSet(fieldPos)) {
-        __releaseRecords(_fieldValues[fieldPos], _fieldCounts[fieldPos]);
-        _fieldValues[fieldPos] = NULL;
-        _fieldCounts[fieldPos] = 0;
-    }
-    _fieldValues[fieldPos] = values;
-    _fieldCounts[fieldPos] = count;
+    __replaceArray(isFieldSet(fieldPos), _fieldValues[fieldPos], _fieldCounts[fieldPos], values,
+                   count, __releaseRecords);
     fieldSet(fieldPos);
 }
 
@@ -454,14 +441,9 @@ void TezaFieldType::setRawStringValue(int fieldPos, int count, const std::string
     if (!_storeAsRawString) {
         return;
     }
-    std::string* copy = __newArrayCopy(count, values);
-    if (isFieldSet(fieldPos)) {
-        __releaseTexts(_fieldValues[fieldPos]);
-        _fieldValues[fieldPos] = NULL;
-        _fieldCounts[fieldPos] = 0;
-    }
-    _fieldValues[fieldPos] = copy;
-    _fieldCounts[fieldPos] = count;
+    __replaceArray(isFieldSet(fieldPos), _fieldValues[fieldPos], _fieldCounts[fieldPos],
+                   __newArrayCopy(count, values), count,
+                   [](void* old, int32_t) { __releaseTexts(old); });
     fieldSet(fieldPos);
 }
 
@@ -476,13 +458,8 @@ void TezaFieldType::__setRawStringValue(int fieldPos, int count, std::string* va
     if (!_storeAsRawString || _isCleared || fieldPos < 0 || fieldPos >= _numFields) {
         return;
     }
-    if (_fieldSetBits.test(fieldPos)) {
-        __releaseTexts(_fieldValues[fieldPos]);
-        _fieldValues[fieldPos] = NULL;
-        _fieldCounts[fieldPos] = 0;
-    }
-    _fieldValues[fieldPos] = values;
-    _fieldCounts[fieldPos] = count;
+    __replaceArray(_fieldSetBits.test(fieldPos), _fieldValues[fieldPos], _fieldCounts[fieldPos],
+                   values, count, [](void* old, int32_t) { __releaseTexts(old); });
     _fieldSetBits.set(fieldPos);
 }
 
