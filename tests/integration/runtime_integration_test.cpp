@@ -521,9 +521,21 @@ class RuntimeTls : public RuntimeIntegration {
 
 std::unique_ptr<TempDir> RuntimeTls::_dir;
 
-// The runtime opens its handles with the system's trusted certificates, which do not include
-// the test's; an application that trusts its own CA opens the handle itself, sets the CA file
-// and hands the handle to the connection cache, where the descriptor's calls find it.
+// The runtime opens its handles itself; librk's default CA file is how they trust a CA of the
+// application's.
+TEST_F(RuntimeTls, TrustedCertificateThroughTheDefaultCaFile) {
+    TestServer server(Tls());
+    const int port = server.port();
+    ASSERT_NE(rk_set_default_ca_file(_dir->File("server.pem").c_str()), 0);
+    demo::AccountInterface api(Descriptor(port, 10, TezaServerConnection::TRANSPORT_HTTPS));
+    TezaStatus status = api.systemGetCorviVersion();
+    rk_set_default_ca_file(nullptr);
+    ASSERT_EQ(status.status, TezaStatus::Success) << status;
+    EXPECT_EQ(server.core().GetCounters().callsPerApi.at("system-get-corvi-version"), 2u);
+}
+
+// An application may also open and configure a handle itself and hand it to the connection
+// cache, where the descriptor's calls find it.
 TEST_F(RuntimeTls, TrustedCertificateThroughACachedHandle) {
     TestServer server(Tls());
     const int port = server.port();

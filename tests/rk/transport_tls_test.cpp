@@ -85,6 +85,47 @@ TEST_F(TlsTransport, CertificateForAnotherHostIsRefused) {
     EXPECT_EQ(outcome.errnum, RK_ERR_TLS_UNTRUSTED) << outcome;
 }
 
+// Puts the default CA file back to the system's certificates however the test ends.
+struct DefaultCaFileReset {
+    ~DefaultCaFileReset() { rk_set_default_ca_file(nullptr); }
+};
+
+TEST_F(TlsTransport, DefaultCaFileIsTrustedByHandlesOpenedAfterIt) {
+    TestServer server(Tls("server"));
+    DefaultCaFileReset reset;
+    ServerPtr before = Https(server, "");
+    ASSERT_NE(rk_set_default_ca_file(_dir->File("server.pem").c_str()), 0);
+    ServerPtr after = Https(server, "");
+    ServerPtr own = Https(server, "stranger");
+
+    EXPECT_EQ(Call(after.get(), "system-get-corvi-version").status, 1);
+    // Handles opened before keep the system's certificates; a handle's own setting wins.
+    EXPECT_EQ(Call(before.get(), "system-get-corvi-version").errnum, RK_ERR_TLS_UNTRUSTED);
+    EXPECT_EQ(Call(own.get(), "system-get-corvi-version").errnum, RK_ERR_TLS_UNTRUSTED);
+    ServerPtr cleared = Https(server, "");
+    rk_server_set_ca_file(cleared.get(), "");
+    EXPECT_EQ(Call(cleared.get(), "system-get-corvi-version").errnum, RK_ERR_TLS_UNTRUSTED);
+}
+
+TEST_F(TlsTransport, DefaultCaFileStillChecksTheHostName) {
+    TestServer server(Tls("elsewhere"));
+    DefaultCaFileReset reset;
+    ASSERT_NE(rk_set_default_ca_file(_dir->File("elsewhere.pem").c_str()), 0);
+    ServerPtr h = Https(server, "");
+    EXPECT_EQ(Call(h.get(), "system-get-corvi-version").errnum, RK_ERR_TLS_UNTRUSTED);
+}
+
+TEST_F(TlsTransport, NullOrEmptyDefaultCaFileGoesBackToTheSystemCertificates) {
+    TestServer server(Tls("server"));
+    DefaultCaFileReset reset;
+    for (const char* none : {static_cast<const char*>(nullptr), ""}) {
+        ASSERT_NE(rk_set_default_ca_file(_dir->File("server.pem").c_str()), 0);
+        ASSERT_NE(rk_set_default_ca_file(none), 0);
+        ServerPtr h = Https(server, "");
+        EXPECT_EQ(Call(h.get(), "system-get-corvi-version").errnum, RK_ERR_TLS_UNTRUSTED);
+    }
+}
+
 TEST_F(TlsTransport, HttpsToAPlainServerFailsTheHandshake) {
     TestServer server;
     ServerPtr h = Https(server, "server");

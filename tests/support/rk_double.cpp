@@ -647,4 +647,9 @@ int rk_set_default_key(const char* key) {
     return rk::SetDefaultKey(key) ? 1 : 0;
 }
 
+int rk_set_default_ca_file(const char* path) {
+    Record("rk_set_default_ca_file", path == nullptr ? "(null)" : path);
+    return 1;
+}
+
 }  // extern "C"

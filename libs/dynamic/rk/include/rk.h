@@ -252,6 +252,13 @@ RK_API rk_elem_t* rk_elem_parse(const char* text, size_t len, char* errbuf, int 
  * Returns non-zero on success. */
 RK_API int rk_set_default_key(const char* key);
 
+/* HTTPS: the PEM file of the certificates that handles opened from now on trust, until
+ * rk_server_set_ca_file replaces it on a handle; null or "" goes back to the system's trusted
+ * certificates (the default). Process-wide, for handles that code opens without a CA setting
+ * of its own, such as the runtime's connections. Handles already open keep theirs. Returns
+ * non-zero on success. */
+RK_API int rk_set_default_ca_file(const char* path);
+
 #ifdef __cplusplus
 }
 #endif

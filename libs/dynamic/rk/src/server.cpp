@@ -5,6 +5,7 @@
 #include <stdarg.h>
 
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include "transport.h"
@@ -129,6 +130,15 @@ std::string Text(const char* s) {
     return s == nullptr ? std::string() : std::string(s);
 }
 
+// The CA file that new handles start with; empty for the system's trusted certificates.
+std::mutex gDefaultCaFileMutex;
+std::string gDefaultCaFile;
+
+std::string DefaultCaFile() {
+    std::lock_guard<std::mutex> lock(gDefaultCaFileMutex);
+    return gDefaultCaFile;
+}
+
 }  // namespace
 
 extern "C" {
@@ -142,6 +152,7 @@ rk_server_t* rk_server_open(const char* host, int major, int minor) {
         server->settings.host = host;
         server->settings.major = major;
         server->settings.minor = minor;
+        server->settings.caFile = DefaultCaFile();
         return server.release();
     } catch (...) {
         return nullptr;
@@ -188,6 +199,17 @@ int rk_server_set_timeout(rk_server_t* server, int seconds) {
 
 int rk_server_set_ca_file(rk_server_t* server, const char* path) {
     return Set(server, [&](rk::ServerSettings& s) { s.caFile = Text(path); });
+}
+
+int rk_set_default_ca_file(const char* path) {
+    try {
+        std::string file = Text(path);
+        std::lock_guard<std::mutex> lock(gDefaultCaFileMutex);
+        gDefaultCaFile.swap(file);
+        return 1;
+    } catch (...) {
+        return 0;
+    }
 }
 
 int rk_server_set_client_cert(rk_server_t* server, const char* cert_path, const char* key_path,
