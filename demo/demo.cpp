@@ -99,38 +99,6 @@ TezaServerConnection MakeDescriptor(const std::string& host,
                                 options.login, options.password, 5);
 }
 
-// The runtime has no setting for the certificates a server must chain to. A handle that
-// trusts the given CA file is opened and proved here, then handed to the connection cache,
-// where the descriptor's next open finds it. A failed call closes its handle instead of
-// caching it, so Report makes a new one after each failure.
-bool PrimeTlsHandle(const Options& options) {
-    rk_server_t* server = rk_server_open(options.host.c_str(), kMajor, kMinor);
-    rk_server_set_style(server, RK_STYLE_LOGIN_PASSWORD);
-    rk_server_set_server_type(server, RK_SERVER_TYPE_NODE);
-    rk_server_set_transport_type(server, RK_TRANSPORT_HTTPS, nullptr);
-    rk_server_set_port(server, options.port);
-    rk_server_set_admin_user(server, options.login.c_str(), options.password.c_str());
-    rk_server_set_ca_file(server, options.caFile.c_str());
-    rk_server_set_timeout(server, 15);
-    rk_elem_t* result = rk_server_invoke(server, "system-get-corvi-version", nullptr);
-    const bool passed = rk_results_status(result) == 1;
-    if (!passed) {
-        printf("HTTPS with %s failed (error %d): %s\n", options.caFile.c_str(),
-               rk_results_errno(result), rk_results_reason(result));
-    }
-    rk_elem_free(result);
-    if (!passed) {
-        rk_server_close(server);
-        return false;
-    }
-    rk_server_set_timeout(server, 60);
-    TezaConnectionCache::releaseConnection(
-        server, options.host, kMajor, kMinor, TezaServerConnection::STYLE_LOGIN_PASSWORD,
-        TezaServerConnection::SERVER_TYPE_NODE, TezaServerConnection::TRANSPORT_HTTPS, options.port,
-        options.login, options.password);
-    return true;
-}
-
 // invoke decodes the reason of a failed call; the reason of a failed connection is the client
 // library's text as it travels, entity references included, and is decoded here for show.
 std::string ShownReason(const TezaStatus& status) {
@@ -138,9 +106,6 @@ std::string ShownReason(const TezaStatus& status) {
                ? TezaFieldType::getDecodedString(status.reason)
                : status.reason;
 }
-
-// Set while calls go over HTTPS with a CA file of the user's.
-const Options* tlsOptions = nullptr;
 
 void Heading(const char* text) {
     printf("\n== %s\n", text);
@@ -154,9 +119,6 @@ bool Report(const char* what, const TezaStatus& status) {
     }
     printf("%s: failed (status %d, error %d): %s\n", what, static_cast<int>(status.status),
            status.errnum, ShownReason(status).c_str());
-    if (tlsOptions != nullptr) {
-        PrimeTlsHandle(*tlsOptions);
-    }
     return false;
 }
 
@@ -448,15 +410,11 @@ int main(int argc, char** argv) {
         const TezaServerConnection::Transport transport =
             options.tls ? TezaServerConnection::TRANSPORT_HTTPS
                         : TezaServerConnection::TRANSPORT_HTTP;
+        // The runtime opens its handles itself: the CA file reaches them as librk's default.
         if (options.tls && !options.caFile.empty()) {
-            tlsOptions = &options;
+            rk_set_default_ca_file(options.caFile.c_str());
         }
-        if (tlsOptions != nullptr && !PrimeTlsHandle(options)) {
-            ++unexpected;
-        } else {
-            unexpected += RunCalls(MakeDescriptor(options.host, transport, options.port, options));
-        }
-        tlsOptions = nullptr;
+        unexpected += RunCalls(MakeDescriptor(options.host, transport, options.port, options));
     }
     unexpected += ShowQuarantine(options);
     PrintSummary();
