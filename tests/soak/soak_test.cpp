@@ -490,8 +490,11 @@ TEST_F(Soak, CallsSurviveFaultsRestartsAndAFullCache) {
     const size_t heapAtEnd = HeapInUse();
     std::cout << "soak: " << total.Calls() << " calls, " << total.apiFailed << " API failures, "
               << total.connectionFailed << " connection failures (" << total.notHealthy
-              << " refused as not healthy); heap " << heapAfterWarmUp << " -> " << heapAtEnd
-              << " bytes\n";
+              << " refused as not healthy); heap in use "
+              << (kSanitized ? std::string("not measured under a sanitizer")
+                             : std::to_string(heapAfterWarmUp) + " -> " +
+                                   std::to_string(heapAtEnd) + " bytes")
+              << "\n";
 
     // Successes plus failures equal the calls made, API by API.
     for (int api = 0; api < Family::NUM_APIS; ++api) {
