@@ -27,7 +27,6 @@
 #include "test_server.h"
 #include "tezad_process.h"
 
-
 // Found by argument-dependent lookup, in TezaStatus's namespace; for failure messages.
 static std::ostream& operator<<(std::ostream& out, const TezaStatus& status) {
     return out << "status " << status.status << " errno " << status.errnum << " reason '"
@@ -88,6 +87,7 @@ class RuntimeIntegration : public ::testing::Test {
     void SetUp() override {
         // The runtime's log stays off: these tests look at what the calls return.
         _log.Remove();
+        rk_get_stats(&_start);
         std::string error;
         ASSERT_TRUE(TezaWrapper::init(error)) << error;
     }
@@ -96,9 +96,15 @@ class RuntimeIntegration : public ::testing::Test {
         // are closed and the client library shut down.
         TezaServerConnection::cleanup();
         TezaWrapper::cleanup();
+        // So every client handle opened during the test has been closed.
+        rk_stats_t end = {};
+        rk_get_stats(&end);
+        EXPECT_EQ(end.handles_opened - _start.handles_opened,
+                  end.handles_closed - _start.handles_closed);
     }
 
     ScopedLogFile _log;
+    rk_stats_t _start = {};
 };
 
 TEST_F(RuntimeIntegration, CallWithInputAndOutputRecords) {

@@ -301,6 +301,31 @@ TEST_F(HttpTransport, ClosingTheHandleClosesItsConnection) {
     EXPECT_TRUE(WaitUntilNoConnectionOpen(server.core()));
 }
 
+TEST_F(HttpTransport, StatsCountHandlesOpenedAndClosed) {
+    rk_stats_t before = {};
+    rk_get_stats(&before);
+    EXPECT_GE(before.handles_opened, before.handles_closed);
+    rk_server_t* first = rk_server_open("127.0.0.1", kMajor, kMinor);
+    rk_server_t* second = rk_server_open("127.0.0.1", kMajor, kMinor);
+    ASSERT_NE(first, nullptr);
+    ASSERT_NE(second, nullptr);
+    // No handle for a null host, and nothing to close for a null handle: neither counts.
+    EXPECT_EQ(rk_server_open(nullptr, kMajor, kMinor), nullptr);
+    EXPECT_EQ(rk_server_close(nullptr), 0);
+    rk_stats_t open = {};
+    rk_get_stats(&open);
+    EXPECT_EQ(open.handles_opened - before.handles_opened, 2u);
+    EXPECT_EQ(open.handles_closed - before.handles_closed, 0u);
+
+    EXPECT_NE(rk_server_close(first), 0);
+    EXPECT_NE(rk_server_close(second), 0);
+    rk_stats_t after = {};
+    rk_get_stats(&after);
+    EXPECT_EQ(after.handles_opened - before.handles_opened, 2u);
+    EXPECT_EQ(after.handles_closed - before.handles_closed, 2u);
+    rk_get_stats(nullptr);  // tolerated
+}
+
 TEST_F(HttpTransport, SettersKeepTheConnection) {
     TestServer server;
     ServerPtr h = OpenHandle("127.0.0.1", server.port());

@@ -114,6 +114,18 @@ TEST(RkXml, MalformedInputIsRefusedWithAReason) {
     }
 }
 
+TEST(RkXml, RepeatedAttributeIsRefused) {
+    std::string error;
+    EXPECT_EQ(Parse("<results status=\"passed\" status=\"failed\"/>", &error), nullptr);
+    EXPECT_NE(error.find("attribute 'status' repeated"), std::string::npos) << error;
+    EXPECT_EQ(Parse("<r><a x=\"1\" y=\"2\" x=\"3\"/></r>", &error), nullptr);
+    EXPECT_NE(error.find("attribute 'x' repeated"), std::string::npos) << error;
+    // Equal names on different elements, and different names on one, are fine.
+    ElemPtr tree = Parse("<r x=\"1\" y=\"2\"><a x=\"3\"/></r>");
+    ASSERT_NE(tree, nullptr);
+    EXPECT_STREQ(rk_elem_get_attr(rk_elem_child(tree.get(), "a"), "x"), "3");
+}
+
 TEST(RkXml, ErrorNamesTheOffset) {
     std::string error;
     EXPECT_EQ(Parse("<r><a></b></r>", &error), nullptr);

@@ -247,6 +247,18 @@ RK_API rk_elem_t* rk_elem_copy(rk_elem_t* elem);
  * RK_PARSE_MAX_BYTES or nested deeper than RK_PARSE_MAX_DEPTH is refused. */
 RK_API rk_elem_t* rk_elem_parse(const char* text, size_t len, char* errbuf, int errbuflen);
 
+/* Server handles made and given back since the library was loaded, process-wide: every
+ * handle that rk_server_open returned counts once in `handles_opened`, and every non-null
+ * handle given to rk_server_close once in `handles_closed`. Their difference is the number of
+ * handles open now, so a program (or its tests) can check that it closes every handle it
+ * opens. May be called at any time from any thread; `handles_opened` is never below
+ * `handles_closed`. */
+typedef struct rk_stats {
+    unsigned long long handles_opened;
+    unsigned long long handles_closed;
+} rk_stats_t;
+RK_API void rk_get_stats(rk_stats_t* stats);
+
 /* Sets the key text that encrypted values use when their key argument is null; null restores
  * the built-in default. Keys of any length are accepted; the cipher key is derived from them.
  * Returns non-zero on success. */

@@ -4,6 +4,7 @@
 
 #include <stdarg.h>
 
+#include <atomic>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -11,6 +12,10 @@
 #include "transport.h"
 
 namespace {
+
+// rk_get_stats: handles returned by rk_server_open and handles given to rk_server_close.
+std::atomic<unsigned long long> gHandlesOpened{0};
+std::atomic<unsigned long long> gHandlesClosed{0};
 
 const char* StyleName(int style) {
     switch (style) {
@@ -153,6 +158,7 @@ rk_server_t* rk_server_open(const char* host, int major, int minor) {
         server->settings.major = major;
         server->settings.minor = minor;
         server->settings.caFile = DefaultCaFile();
+        gHandlesOpened.fetch_add(1);
         return server.release();
     } catch (...) {
         return nullptr;
@@ -164,7 +170,18 @@ int rk_server_close(rk_server_t* server) {
         return 0;
     }
     delete server;  // the HttpConnection's destructor closes the connection
+    gHandlesClosed.fetch_add(1);
     return 1;
+}
+
+void rk_get_stats(rk_stats_t* stats) {
+    if (stats == nullptr) {
+        return;
+    }
+    // Closed first: a handle closed before this read was opened before it too, so the pair
+    // never shows more handles closed than opened.
+    stats->handles_closed = gHandlesClosed.load();
+    stats->handles_opened = gHandlesOpened.load();
 }
 
 int rk_server_set_style(rk_server_t* server, int style) {

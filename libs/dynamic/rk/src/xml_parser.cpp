@@ -9,7 +9,9 @@
 
 #include <pugixml.hpp>
 
+#include <algorithm>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -49,6 +51,22 @@ std::string EscapeForMarkup(const char* text) {
         }
     }
     return out;
+}
+
+// The name of an attribute that stands twice on `node`, or null. XML allows each name once per
+// element, but pugixml does not check it; a result with two `status` attributes would
+// otherwise read as whichever came first.
+const char* RepeatedAttribute(const pugi::xml_node& node) {
+    std::vector<std::string_view> names;
+    for (pugi::xml_attribute attr : node.attributes()) {
+        names.push_back(attr.name());
+    }
+    if (names.size() < 2) {
+        return nullptr;
+    }
+    std::sort(names.begin(), names.end());
+    auto twice = std::adjacent_find(names.begin(), names.end());
+    return twice == names.end() ? nullptr : twice->data();
 }
 
 }  // namespace
@@ -103,6 +121,12 @@ rk_elem* ParseXml(const char* text, size_t len, std::string* error) {
             *error = ErrorAt(
                 ("elements nested deeper than " + std::to_string(RK_PARSE_MAX_DEPTH)).c_str(),
                 step.node.offset_debug());
+            return nullptr;
+        }
+        if (const char* repeated = RepeatedAttribute(step.node)) {
+            ElemFree(tree);
+            *error = ErrorAt(("attribute '" + std::string(repeated) + "' repeated").c_str(),
+                             step.node.offset_debug());
             return nullptr;
         }
         rk_elem* elem = new rk_elem;
