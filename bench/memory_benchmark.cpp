@@ -194,22 +194,25 @@ void ProbeHttpReference(benchmark::State& state) {
 }
 
 // Heap bytes and allocations per connected, probed handle held by the connection cache.
+// Over HTTPS the handles trust the server through librk's default CA file.
 void CachedHandles(benchmark::State& state, bool tls) {
     SetUp();
     Tezad& tezad = tls ? Tezad::Https() : Tezad::Http();
     const TezaServerConnection::Transport transport =
         tls ? TezaServerConnection::TRANSPORT_HTTPS : TezaServerConnection::TRANSPORT_HTTP;
     const int handles = 50;
-    // Opens a handle the way the runtime does (the CA file added over HTTPS) and caches it.
+    if (tls && rk_set_default_ca_file(tezad.caFile().c_str()) == 0) {
+        Die("rk_set_default_ca_file failed");
+    }
+    // Opens and probes a handle through the runtime's descriptor and hands it to the cache.
     auto cacheOne = [&]() {
-        ServerPtr server = OpenHandle(kHost, tls ? RK_TRANSPORT_HTTPS : RK_TRANSPORT_HTTP,
-                                      tezad.port(), tezad.caFile());
-        if (!Probe(server.get())) {
-            Die("probe failed");
+        TezaServerConnection connection = Descriptor(kHost, transport, tezad.port());
+        TezaStatus status = connection.newConnection();
+        if (status.status != TezaStatus::Success) {
+            Die("cannot connect: " + status.reason);
         }
-        TezaConnectionCache::releaseConnection(
-            server.release(), kHost, kMajor, kMinor, TezaServerConnection::STYLE_LOGIN_PASSWORD,
-            TezaServerConnection::SERVER_TYPE_NODE, transport, tezad.port(), kLogin, kPassword);
+        connection.setCachable(true);
+        connection.close();
     };
     auto drain = [&]() {
         while (rk_server_t* server = TezaConnectionCache::getConnection(
