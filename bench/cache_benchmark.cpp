@@ -1,0 +1,119 @@
+// Connection cache: calls to a tezad child process on loopback through a generated
+// interface, whose descriptor hands its handle to the connection cache after each call and
+// finds it there for the next, against the same calls made with a fresh handle each time:
+// the cache is emptied after every call, so that the descriptor's next open connects, probes
+// the new connection with the version call, and the handle is closed after its one call.
+// Both sides take the runtime's own path. Over HTTPS the server has a self-signed
+// certificate, which the handles trust through librk's process-wide default CA file.
+
+#include <benchmark/benchmark.h>
+
+#include "TezaConnectionCache.h"
+#include "bench.h"
+#include "bench_support.h"
+
+namespace teza_bench {
+namespace {
+
+const char kHost[] = "127.0.0.1";
+
+// Takes the descriptor's handles out of the cache and closes them; returns how many.
+int Drain(TezaServerConnection::Transport transport, int port) {
+    int count = 0;
+    while (rk_server_t* server = TezaConnectionCache::getConnection(
+               kHost, kMajor, kMinor, TezaServerConnection::STYLE_LOGIN_PASSWORD,
+               TezaServerConnection::SERVER_TYPE_NODE, transport, port, kLogin, kPassword, 5)) {
+        rk_server_close(server);
+        ++count;
+    }
+    return count;
+}
+
+// Makes the handles opened from now on trust the HTTPS server's certificate.
+void TrustTls(Tezad& tezad) {
+    if (rk_set_default_ca_file(tezad.caFile().c_str()) == 0) {
+        Die("rk_set_default_ca_file failed");
+    }
+}
+
+bool Call(benchmark::State& state, bench::BenchInterface& api) {
+    bench::VersionInfo version;
+    TezaStatus status = api.systemGetCorviVersion(version);
+    if (status.status != TezaStatus::Success) {
+        state.SkipWithError(status.reason.c_str());
+        return false;
+    }
+    benchmark::DoNotOptimize(&version);
+    return true;
+}
+
+void HttpCached(benchmark::State& state) {
+    StartRuntime();
+    Tezad& tezad = Tezad::Http();
+    Drain(TezaServerConnection::TRANSPORT_HTTP, tezad.port());
+    bench::BenchInterface api(
+        Descriptor(kHost, TezaServerConnection::TRANSPORT_HTTP, tezad.port()));
+    for (auto _ : state) {
+        if (!Call(state, api)) {
+            break;
+        }
+    }
+}
+
+void HttpFresh(benchmark::State& state) {
+    StartRuntime();
+    Tezad& tezad = Tezad::Http();
+    Drain(TezaServerConnection::TRANSPORT_HTTP, tezad.port());
+    bench::BenchInterface api(
+        Descriptor(kHost, TezaServerConnection::TRANSPORT_HTTP, tezad.port()));
+    for (auto _ : state) {
+        if (!Call(state, api)) {
+            break;
+        }
+        if (Drain(TezaServerConnection::TRANSPORT_HTTP, tezad.port()) != 1) {
+            state.SkipWithError("the call left no handle in the cache");
+            break;
+        }
+    }
+}
+
+void HttpsCached(benchmark::State& state) {
+    StartRuntime();
+    Tezad& tezad = Tezad::Https();
+    TrustTls(tezad);
+    Drain(TezaServerConnection::TRANSPORT_HTTPS, tezad.port());
+    bench::BenchInterface api(
+        Descriptor(kHost, TezaServerConnection::TRANSPORT_HTTPS, tezad.port()));
+    for (auto _ : state) {
+        if (!Call(state, api)) {
+            break;
+        }
+    }
+}
+
+void HttpsFresh(benchmark::State& state) {
+    StartRuntime();
+    Tezad& tezad = Tezad::Https();
+    TrustTls(tezad);
+    Drain(TezaServerConnection::TRANSPORT_HTTPS, tezad.port());
+    bench::BenchInterface api(
+        Descriptor(kHost, TezaServerConnection::TRANSPORT_HTTPS, tezad.port()));
+    for (auto _ : state) {
+        if (!Call(state, api)) {
+            break;
+        }
+        if (Drain(TezaServerConnection::TRANSPORT_HTTPS, tezad.port()) != 1) {
+            state.SkipWithError("the call left no handle in the cache");
+            break;
+        }
+    }
+}
+
+// Wall-clock time: most of a call is spent waiting for the server.
+BENCHMARK(HttpCached)->Name("cache/http/runtime")->UseRealTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(HttpFresh)->Name("cache/http/reference")->UseRealTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(HttpsCached)->Name("cache/https/runtime")->UseRealTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(HttpsFresh)->Name("cache/https/reference")->UseRealTime()->Unit(benchmark::kMicrosecond);
+
+}  // namespace
+}  // namespace teza_bench
