@@ -120,8 +120,9 @@ void TezaTracer::printServerConnection(unsigned int tag, const TezaServerConnect
                                        const bool& force, void* handle, const char* label) {
     const int level = effectiveLevel(force);
     const bool hook = hookOn(handle, label);
-    std::ostringstream trace;
+    std::string line;
     if (!((level <= 0 || level == 4) && !hook)) {
+        std::ostringstream trace;
         trace << prefix(tag, TRACE_NONE) << "TezaServerConnection: "
               << " host: " << connection.getHost() << " major: " << connection.getMajorVersion()
               << " minor: " << connection.getMinorVersion()
@@ -131,8 +132,8 @@ void TezaTracer::printServerConnection(unsigned int tag, const TezaServerConnect
               << " port: " << connection.getPort()
               << " connect timeout: " << connection.getConnectTimeout()
               << " call timeout: " << connection.getCallTimeout() << '\n';
+        line = trace.str();
     }
-    const std::string line = trace.str();
     if (!line.empty() && hook) {
         TRACE_PRINTRLC_U(handle, kHookKind, label, line.c_str());
     }
@@ -147,12 +148,11 @@ void TezaTracer::printEmptyRequest(const unsigned int& tag, const bool& force, v
                                    const char* label) {
     const int level = effectiveLevel(force);
     const bool hook = hookOn(handle, label);
-    std::ostringstream trace;
+    std::string line;
     // Unlike the response side, level 1 alone builds no line here; the asymmetry is kept.
     if (level > 1 || hook) {
-        trace << prefix(tag, TRACE_NONE) << '<' << getTraceName() << ">\n";
+        line = prefix(tag, TRACE_NONE) + '<' + getTraceName() + ">\n";
     }
-    const std::string line = trace.str();
     if (hook) {
         TRACE_PRINTRLC_U(handle, kHookKind, label, line.c_str());
     }
@@ -170,12 +170,10 @@ void TezaTracer::printEmptyResponse(const unsigned int& tag, const bool& force, 
                                     const char* label) {
     const int level = effectiveLevel(force);
     const bool hook = hookOn(handle, label);
-    std::ostringstream trace;
+    std::string line;
     if (hook || level >= 1) {
-        trace << prefix(tag, TRACE_RESPONSE) << " Received response for: <" << getTraceName()
-              << ">\n";
+        line = prefix(tag, TRACE_RESPONSE) + " Received response for: <" + getTraceName() + ">\n";
     }
-    const std::string line = trace.str();
     if (hook) {
         TRACE_PRINTRLC_U(handle, kHookKind, label, line.c_str());
     }
@@ -188,11 +186,11 @@ void TezaTracer::printRequest(const unsigned int& tag, rk_elem_t* request, const
                               void* handle, const char* label) {
     const int level = effectiveLevel(force);
     const bool hook = hookOn(handle, label);
-    std::ostringstream trace;
+    std::string line;
     if (request != nullptr && level >= 2) {
         std::string text;
         if (elementText(request, &text)) {
-            trace << prefix(tag, TRACE_REQUEST) << text << '\n';
+            line = prefix(tag, TRACE_REQUEST) + text + '\n';
         }
     }
     // The hook gets the element text on its own, taken afresh.
@@ -202,7 +200,6 @@ void TezaTracer::printRequest(const unsigned int& tag, rk_elem_t* request, const
     if (level == 0) {
         return;
     }
-    std::string line = trace.str();
     if (line.empty() || level == 1) {
         // The force flag is deliberately not passed on: the short line follows the tracker's
         // own level.
@@ -228,18 +225,17 @@ void TezaTracer::printResponse(const unsigned int& tag, rk_elem_t* response, con
                                void* handle, const char* label) {
     const int level = effectiveLevel(force);
     const bool hook = hookOn(handle, label);
-    std::ostringstream trace;
+    std::string line;
     if (response != nullptr && level >= 2) {
         std::string text;
         if (elementText(response, &text)) {
             // The element text ends with its own line end.
-            trace << prefix(tag, TRACE_RESPONSE) << text;
+            line = prefix(tag, TRACE_RESPONSE) + text;
         }
     }
     if (response != nullptr && hook) {
         hookElement(response, handle, label);
     }
-    std::string line = trace.str();
     // No early stop at level 0, unlike the request side: the short line then reaches only the
     // hook.
     if (line.empty() || level == 1) {
