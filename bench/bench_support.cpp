@@ -171,6 +171,16 @@ void StartRuntime() {
     });
 }
 
+rk_elem_t* EchoRequest(void*, const rk_inprocess_call_t*, rk_elem_t* request) {
+    rk_elem_t* result = rk_results_new_passed();
+    rk_iterator_t it = rk_child_iterator(request);
+    for (rk_elem_t* child = rk_iterator_next(&it); child != nullptr;
+         child = rk_iterator_next(&it)) {
+        rk_child_add(result, rk_elem_copy(child));
+    }
+    return result;
+}
+
 // ---- Records ---------------------------------------------------------------------------------
 
 Record20Data MakeRecord20Data() {

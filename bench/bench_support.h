@@ -91,6 +91,10 @@ bool Probe(rk_server_t* server);
 // Starts the runtime (TezaWrapper::init) once for the process; dies when it fails.
 void StartRuntime();
 
+// An in-process server handler (rk_inprocess_register) that answers every call, the version
+// probe included, with a passed result holding copies of the request's children.
+rk_elem_t* EchoRequest(void* context, const rk_inprocess_call_t* call, rk_elem_t* request);
+
 // ---- Records and the hand-written element code they are measured against -----------------
 
 // Plain C++ counterparts of the generated records, filled and read by hand-written rk_ code.

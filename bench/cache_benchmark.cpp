@@ -47,66 +47,40 @@ bool Call(benchmark::State& state, bench::BenchInterface& api) {
     return true;
 }
 
+// Calls the server of `transport` over and over; with `fresh`, empties the cache after each
+// call so that the next one opens and probes a new handle.
+void CallRepeatedly(benchmark::State& state, TezaServerConnection::Transport transport,
+                    bool fresh) {
+    StartRuntime();
+    const bool https = transport == TezaServerConnection::TRANSPORT_HTTPS;
+    Tezad& tezad = https ? Tezad::Https() : Tezad::Http();
+    if (https) {
+        TrustTls(tezad);
+    }
+    Drain(transport, tezad.port());
+    bench::BenchInterface api(Descriptor(kHost, transport, tezad.port()));
+    for (auto _ : state) {
+        if (!Call(state, api)) {
+            break;
+        }
+        if (fresh && Drain(transport, tezad.port()) != 1) {
+            state.SkipWithError("the call left no handle in the cache");
+            break;
+        }
+    }
+}
+
 void HttpCached(benchmark::State& state) {
-    StartRuntime();
-    Tezad& tezad = Tezad::Http();
-    Drain(TezaServerConnection::TRANSPORT_HTTP, tezad.port());
-    bench::BenchInterface api(
-        Descriptor(kHost, TezaServerConnection::TRANSPORT_HTTP, tezad.port()));
-    for (auto _ : state) {
-        if (!Call(state, api)) {
-            break;
-        }
-    }
+    CallRepeatedly(state, TezaServerConnection::TRANSPORT_HTTP, false);
 }
-
 void HttpFresh(benchmark::State& state) {
-    StartRuntime();
-    Tezad& tezad = Tezad::Http();
-    Drain(TezaServerConnection::TRANSPORT_HTTP, tezad.port());
-    bench::BenchInterface api(
-        Descriptor(kHost, TezaServerConnection::TRANSPORT_HTTP, tezad.port()));
-    for (auto _ : state) {
-        if (!Call(state, api)) {
-            break;
-        }
-        if (Drain(TezaServerConnection::TRANSPORT_HTTP, tezad.port()) != 1) {
-            state.SkipWithError("the call left no handle in the cache");
-            break;
-        }
-    }
+    CallRepeatedly(state, TezaServerConnection::TRANSPORT_HTTP, true);
 }
-
 void HttpsCached(benchmark::State& state) {
-    StartRuntime();
-    Tezad& tezad = Tezad::Https();
-    TrustTls(tezad);
-    Drain(TezaServerConnection::TRANSPORT_HTTPS, tezad.port());
-    bench::BenchInterface api(
-        Descriptor(kHost, TezaServerConnection::TRANSPORT_HTTPS, tezad.port()));
-    for (auto _ : state) {
-        if (!Call(state, api)) {
-            break;
-        }
-    }
+    CallRepeatedly(state, TezaServerConnection::TRANSPORT_HTTPS, false);
 }
-
 void HttpsFresh(benchmark::State& state) {
-    StartRuntime();
-    Tezad& tezad = Tezad::Https();
-    TrustTls(tezad);
-    Drain(TezaServerConnection::TRANSPORT_HTTPS, tezad.port());
-    bench::BenchInterface api(
-        Descriptor(kHost, TezaServerConnection::TRANSPORT_HTTPS, tezad.port()));
-    for (auto _ : state) {
-        if (!Call(state, api)) {
-            break;
-        }
-        if (Drain(TezaServerConnection::TRANSPORT_HTTPS, tezad.port()) != 1) {
-            state.SkipWithError("the call left no handle in the cache");
-            break;
-        }
-    }
+    CallRepeatedly(state, TezaServerConnection::TRANSPORT_HTTPS, true);
 }
 
 // Wall-clock time: most of a call is spent waiting for the server.

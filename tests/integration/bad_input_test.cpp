@@ -17,8 +17,8 @@
 #include "TezaStatus.h"
 #include "TezaWrapper.h"
 #include "demo.h"
-#include "log_file.h"
 #include "rk.h"
+#include "runtime_session.h"
 #include "test_server.h"
 
 namespace {
@@ -53,24 +53,8 @@ std::string Nested(int depth) {
     return text;
 }
 
-class BadInput : public ::testing::Test {
+class BadInput : public RuntimeSession {
   protected:
-    void SetUp() override {
-        _log.Remove();
-        rk_get_stats(&_start);
-        std::string error;
-        ASSERT_TRUE(TezaWrapper::init(error)) << error;
-    }
-    void TearDown() override {
-        TezaServerConnection::cleanup();
-        TezaWrapper::cleanup();
-        // With the cache drained, every client handle the calls opened has been closed.
-        rk_stats_t end = {};
-        rk_get_stats(&end);
-        EXPECT_EQ(end.handles_opened - _start.handles_opened,
-                  end.handles_closed - _start.handles_closed);
-    }
-
     // Calls account-get on a server that answers it with `body`, as it stands.
     static TezaStatus Get(const std::string& body, demo::AccountGetReply& reply) {
         ServerConfig config;
@@ -88,9 +72,6 @@ class BadInput : public ::testing::Test {
         EXPECT_EQ(status.status, TezaStatus::Success) << status.errnum << " " << status.reason;
         return reply.getAccountInfo();
     }
-
-    ScopedLogFile _log;
-    rk_stats_t _start = {};
 };
 
 TEST_F(BadInput, MissingElementsLeaveFieldsUnset) {

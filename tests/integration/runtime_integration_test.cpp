@@ -22,8 +22,8 @@
 #include "TezaWrapper.h"
 #include "demo.h"
 #include "inprocess_server.h"
-#include "log_file.h"
 #include "rk.h"
+#include "runtime_session.h"
 #include "test_server.h"
 #include "tezad_process.h"
 
@@ -82,30 +82,7 @@ std::string Tampered(std::string text) {
     return text;
 }
 
-class RuntimeIntegration : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        // The runtime's log stays off: these tests look at what the calls return.
-        _log.Remove();
-        rk_get_stats(&_start);
-        std::string error;
-        ASSERT_TRUE(TezaWrapper::init(error)) << error;
-    }
-    void TearDown() override {
-        // The first open took a reference of its own; with both given back the cached handles
-        // are closed and the client library shut down.
-        TezaServerConnection::cleanup();
-        TezaWrapper::cleanup();
-        // So every client handle opened during the test has been closed.
-        rk_stats_t end = {};
-        rk_get_stats(&end);
-        EXPECT_EQ(end.handles_opened - _start.handles_opened,
-                  end.handles_closed - _start.handles_closed);
-    }
-
-    ScopedLogFile _log;
-    rk_stats_t _start = {};
-};
+class RuntimeIntegration : public RuntimeSession {};
 
 TEST_F(RuntimeIntegration, CallWithInputAndOutputRecords) {
     TestServer server;

@@ -1,0 +1,43 @@
+// Fixture of the tests that run the runtime over the real client library: the log off, the
+// library started for each test and cleaned up after it, and a check that every client handle
+// opened during the test was closed once the connection cache is drained.
+#ifndef TEZA_TESTS_INTEGRATION_RUNTIME_SESSION_H_
+#define TEZA_TESTS_INTEGRATION_RUNTIME_SESSION_H_
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "TezaServerConnection.h"
+#include "TezaWrapper.h"
+#include "log_file.h"
+#include "rk.h"
+
+class RuntimeSession : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        // The runtime's log stays off: these tests look at what the calls return.
+        _log.Remove();
+        rk_get_stats(&_start);
+        std::string error;
+        ASSERT_TRUE(TezaWrapper::init(error)) << error;
+    }
+    void TearDown() override {
+        // The first open took a reference of its own; with both given back the cached handles
+        // are closed and the client library shut down.
+        TezaServerConnection::cleanup();
+        TezaWrapper::cleanup();
+        // So every client handle opened during the test has been closed.
+        rk_stats_t end = {};
+        rk_get_stats(&end);
+        EXPECT_EQ(end.handles_opened - _start.handles_opened,
+                  end.handles_closed - _start.handles_closed);
+    }
+
+    ScopedLogFile _log;
+
+  private:
+    rk_stats_t _start = {};
+};
+
+#endif  // TEZA_TESTS_INTEGRATION_RUNTIME_SESSION_H_
