@@ -191,6 +191,44 @@ TEST_F(ElementRead, NumbersAreConvertedWithoutChecks) {
     EXPECT_EQ(size, std::numeric_limits<int64_t>::min());
 }
 
+TEST_F(ElementRead, NumbersAreDecimalWhateverTheirPrefix) {
+    // A leading zero is not octal and "0x" is not hexadecimal: the digits are read in base 10
+    // and reading stops at the first character that is not one, so "0x1f" is 0.
+    Basics basics;
+    Read(basics,
+         "<out><count>010</count><ucount>010</ucount><size>010</size><usize>010</usize>"
+         "<counts><i>010</i><i>0x1f</i><i>-010</i></counts>"
+         "<ucounts><i>010</i><i>0x1f</i></ucounts>"
+         "<sizes><i>010</i><i>0x1f</i><i>-010</i></sizes>"
+         "<usizes><i>010</i><i>0x1f</i></usizes></out>");
+    EXPECT_EQ(DescribeRecord(basics),
+              "basics{name=- count=10 ucount=10 size=10 usize=10 enabled=- names=- "
+              "counts=[10,0,-10] ucounts=[10,0] sizes=[10,0,-10] usizes=[10,0] flags=- "
+              "mystery=- mysteries=-}");
+
+    Read(basics,
+         "<out><count>0x1f</count><ucount>0x1f</ucount><size>0x1f</size>"
+         "<usize>0x1f</usize></out>");
+    EXPECT_EQ(DescribeRecord(basics),
+              "basics{name=- count=0 ucount=0 size=0 usize=0 enabled=- names=- counts=- "
+              "ucounts=- sizes=- usizes=- flags=- mystery=- mysteries=-}");
+}
+
+TEST_F(ElementRead, UnsignedThirtyTwoBitValuesAreConvertedUnsigned) {
+    // 2^63 fits an unsigned long and keeps its lower 32 bits, all zero; a signed conversion
+    // would saturate at 2^63 - 1 and leave 4294967295.
+    Basics basics;
+    Read(basics,
+         "<out><ucount>9223372036854775808</ucount>"
+         "<ucounts><i>9223372036854775808</i><i>9223372036854775809</i></ucounts></out>");
+    uint32_t ucount = 7;
+    ASSERT_TRUE(basics.getUcount(ucount));
+    EXPECT_EQ(ucount, 0u);
+    EXPECT_EQ(DescribeRecord(basics),
+              "basics{name=- count=- ucount=0 size=- usize=- enabled=- names=- counts=- "
+              "ucounts=[0,1] sizes=- usizes=- flags=- mystery=- mysteries=-}");
+}
+
 TEST_F(ElementRead, SingleBooleanIsReadTheLibrarysWay) {
     // Unlike array items, a single boolean follows the client library's reading.
     const char* const texts[] = {"true", "TRUE", "yes",   "on", "1",    "off",
