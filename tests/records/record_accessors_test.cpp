@@ -6,6 +6,8 @@
 #include <limits>
 #include <memory>
 #include <string>
+#include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "TezaFieldType.h"
@@ -425,6 +427,19 @@ TEST_F(Records, SettingARecordTakenFromInsideTheStoredValue) {
     EXPECT_EQ(IdOf(*owner), 6);
 }
 
+// Whether setFieldValue(int, V) can be called on a record.
+template <typename V, typename = void>
+struct CanSetFieldValue : std::false_type {};
+template <typename V>
+struct CanSetFieldValue<
+    V, std::void_t<decltype(std::declval<TezaFieldType&>().setFieldValue(0, std::declval<V>()))>>
+    : std::true_type {};
+
+// A text literal does not silently become a boolean: it must be passed as std::string.
+static_assert(!CanSetFieldValue<const char*>::value, "setFieldValue(int, const char*) is deleted");
+static_assert(CanSetFieldValue<std::string>::value && CanSetFieldValue<bool>::value,
+              "texts and booleans have their setters");
+
 TEST_F(Records, EachRecordSetterReleasesThePreviousRecords) {
     const int before = Tracked::live();
     {
@@ -640,8 +655,25 @@ TEST_F(Records, RawNumbersConvertLikeTheStandardFunctions) {
     EXPECT_EQ(RawNumber<uint64_t>(Basics::kUsize, "99999999999999999999"),
               std::numeric_limits<uint64_t>::max());
     EXPECT_EQ(RawNumber<int64_t>(Basics::kSize, ""), 0);
+    // Always base 10: no octal for a leading zero, no hexadecimal for "0x".
+    EXPECT_EQ(RawNumber<int32_t>(Basics::kCount, "010"), 10);
+    EXPECT_EQ(RawNumber<int32_t>(Basics::kCount, "0x1f"), 0);
+    EXPECT_EQ(RawNumber<uint32_t>(Basics::kUcount, "010"), 10u);
+    EXPECT_EQ(RawNumber<uint32_t>(Basics::kUcount, "0x1f"), 0u);
+    EXPECT_EQ(RawNumber<int64_t>(Basics::kSize, "010"), 10);
+    EXPECT_EQ(RawNumber<int64_t>(Basics::kSize, "0x1f"), 0);
+    EXPECT_EQ(RawNumber<uint64_t>(Basics::kUsize, "010"), 10u);
+    EXPECT_EQ(RawNumber<uint64_t>(Basics::kUsize, "0x1f"), 0u);
     // The raw accessors do not look at the field's type: any field's text converts.
     EXPECT_EQ(RawNumber<int32_t>(Basics::kName, "17"), 17);
+}
+
+TEST_F(Records, RawUnsignedThirtyTwoBitTextIsConvertedUnsigned) {
+    // Converted unsigned, then cut: 2^63 keeps its lower half, all zero (a signed conversion
+    // would saturate at 2^63 - 1 and give 4294967295).
+    EXPECT_EQ(RawNumber<uint32_t>(Basics::kUcount, "9223372036854775808"), 0u);
+    EXPECT_EQ(RawNumber<uint32_t>(Basics::kUcount, "9223372036854775809"), 1u);
+    EXPECT_EQ(RawNumber<uint32_t>(Basics::kUcount, "18446744073709551615"), 4294967295u);
 }
 
 TEST_F(Records, RawTextGettersAndTheTextGetter) {
