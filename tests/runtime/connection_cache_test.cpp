@@ -6,7 +6,10 @@
 #include <pthread.h>
 
 #include <stdint.h>
+
+#include <atomic>
 #include <chrono>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -452,6 +455,69 @@ TEST_F(TezaConnectionCacheTest, AgeThreadAgesAndProbesUntilCleanup) {
     EXPECT_THAT(rkdouble::Calls(), Contains("rk_server_open(down, 1, 21)"));
     EXPECT_FALSE(down.isQuarantined());
     EXPECT_EQ(rkdouble::HandlesOpen(), 0);
+}
+
+TEST_F(TezaConnectionCacheTest, AgeThreadAgesOnEverySecondPassAndProbesOnEvery) {
+    // Ten handles released one second apart; none is idle for more than 60 seconds yet.
+    std::vector<std::string> cached;
+    for (int i = 0; i < 10; ++i) {
+        rk_server_t* h = Open("srv" + std::to_string(i));
+        cached.push_back(rkdouble::HandleName(h));
+        Release(h, "srv" + std::to_string(i));
+        testclock::Advance(1);
+    }
+    testclock::Advance(50);  // the oldest is now exactly 60 seconds idle
+    // Each pass probes the quarantined server once, and each probe moves the clock one
+    // second on: in pass p (from 0) the handles released p + 1 or more seconds before the
+    // newest one have become too old, and an ageing in that pass closes them.
+    TezaServerConnection down = testsupport::Descriptor("down");
+    down.quarantine();
+    auto probes = std::make_shared<std::atomic<int>>(0);
+    rkdouble::SetResponder([probes](const std::string&, const std::string&, rk_elem_t*) {
+        testclock::Advance(1);
+        ++*probes;
+        return rkdouble::Failed("still down", 13055);
+    });
+    rkdouble::ClearCalls();
+
+    pthread_t thread;
+    ASSERT_EQ(pthread_create(&thread, nullptr, &TezaConnectionCache::ageThread, nullptr), 0);
+    // Eleven passes age every handle; the twelfth probe shows the eleventh pass is over.
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (probes->load() < 12 && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    TezaConnectionCache::cleanup();
+    ASSERT_EQ(pthread_join(thread, nullptr), 0);
+
+    // The cached handles each pass closed, pass by pass, up to the last of them.
+    std::vector<std::vector<std::string>> passes;
+    for (const std::string& call : rkdouble::Calls()) {
+        if (call.rfind("rk_server_invoke(", 0) == 0) {
+            passes.emplace_back();
+        }
+        for (const std::string& name : cached) {
+            if (call == "rk_server_close(" + name + ")") {
+                ASSERT_FALSE(passes.empty()) << "closed before the first probe: " << call;
+                passes.back().push_back(name);
+            }
+        }
+    }
+    const std::vector<std::vector<std::string>> expected = {{cached[0]},
+                                                            {},
+                                                            {cached[1], cached[2]},
+                                                            {},
+                                                            {cached[3], cached[4]},
+                                                            {},
+                                                            {cached[5], cached[6]},
+                                                            {},
+                                                            {cached[7], cached[8]},
+                                                            {},
+                                                            {cached[9]}};
+    ASSERT_GE(passes.size(), expected.size());
+    passes.resize(expected.size());
+    EXPECT_EQ(passes, expected);
+    EXPECT_TRUE(down.isQuarantined());
 }
 
 // --- Fatal misuse ---------------------------------------------------------------------------
