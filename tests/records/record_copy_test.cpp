@@ -4,10 +4,12 @@
 #include <stdint.h>
 
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
 #include "TezaFieldType.h"
+#include "TezaFieldTypeFactory.h"
 #include "TezaNamespaceFactory.h"
 #include "assertion.h"
 #include "test_records.h"
@@ -325,6 +327,78 @@ TEST_F(RecordCopy, CopyOfNullNestedValuesIsNullToo) {
     target = source;
     EXPECT_EQ(DescribeRecord(target), DescribeRecord(source));
     EXPECT_EQ(DescribeRecord(target), "orphan{child=null children=null#2 note=\"n\"}");
+}
+
+// A factory for the "orphan" namespace, registered only for a while: it notes the record-array
+// copies asked of it and makes empty children for them.
+class LateOrphanFactory : public TezaFieldTypeFactory {
+  public:
+    std::vector<std::string> copies() const {
+        std::lock_guard<std::mutex> lock(_mutex);
+        return _copies;
+    }
+    TezaFieldType* getInstance(const std::string&, const std::string&) const override {
+        return nullptr;
+    }
+    TezaFieldType* getInstances(int, const std::string&, const std::string&) const override {
+        return nullptr;
+    }
+    TezaFieldType* copyInstance(const std::string&, const TezaFieldType&) const override {
+        return nullptr;
+    }
+    TezaFieldType* copyInstances(const std::string& typeName, int count,
+                                 const TezaFieldType*& source) const override {
+        {
+            std::lock_guard<std::mutex> lock(_mutex);
+            _copies.push_back(typeName + " " + std::to_string(count) +
+                              (source == nullptr ? " null" : " records"));
+        }
+        return typeName == "orphan-child" && count >= 0 ? new OrphanChild[count] : nullptr;
+    }
+    TezaFieldType* copyInstances(const std::string&, std::vector<TezaFieldType*>&) const override {
+        return nullptr;
+    }
+    std::vector<std::string> getNestedTypedefHierarchy(const std::string&) const override {
+        return std::vector<std::string>();
+    }
+
+  private:
+    mutable std::mutex _mutex;
+    mutable std::vector<std::string> _copies;
+};
+
+// Registers a factory for a namespace and takes it away again at the end of the scope.
+class ScopedFactory {
+  public:
+    ScopedFactory(const char* ns, const TezaFieldTypeFactory* factory) : _ns(ns) {
+        TezaNamespaceFactory::registerTypeFactory(_ns, factory);
+    }
+    ~ScopedFactory() { TezaNamespaceFactory::registerTypeFactory(_ns, nullptr); }
+    ScopedFactory(const ScopedFactory&) = delete;
+    ScopedFactory& operator=(const ScopedFactory&) = delete;
+
+  private:
+    const std::string _ns;
+};
+
+TEST_F(RecordCopy, NullRecordArrayIsCopiedByAFactoryRegisteredSince) {
+    // Set while its namespace had no factory, the array is held as null with its count.
+    Orphan source;
+    OrphanChild children[2];
+    source.setChildren(2, children);
+    ASSERT_EQ(DescribeRecord(source), "orphan{child=- children=null#2 note=-}");
+
+    // Copied like any record array, through the record-array setter: the factory now
+    // registered is asked, and its records are what the copy holds.
+    LateOrphanFactory factory;
+    Orphan target;
+    {
+        ScopedFactory registered(teza_orphan::kNamespace, &factory);
+        target = source;
+    }
+    EXPECT_EQ(factory.copies(), std::vector<std::string>{"orphan-child 2 null"});
+    EXPECT_EQ(DescribeRecord(target),
+              "orphan{child=- children=[orphan-child{value=-},orphan-child{value=-}] note=-}");
 }
 
 TEST_F(RecordCopy, NestedRecordsOfTheSecondNamespaceAreCopiedByItsFactory) {

@@ -67,7 +67,8 @@ class TEZA_API TezaFieldType {
     void setFieldValue(int fieldPos, uint64_t value);
     void setFieldValue(int fieldPos, bool value);
     void setFieldValue(int fieldPos, std::string value);
-    // A text literal would otherwise convert to bool, silently.
+    // Deleted on purpose: a text literal would otherwise convert to bool and silently set a
+    // boolean; texts are set through std::string.
     void setFieldValue(int fieldPos, const char* value) = delete;
     // The copy is made by the namespace factory (null when the namespace has none). Passing
     // the record this field already holds hands that record over to the caller, who must free

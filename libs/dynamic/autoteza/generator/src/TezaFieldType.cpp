@@ -248,6 +248,8 @@ void TezaFieldType::setFieldValue(int fieldPos, std::string value) {
 void TezaFieldType::setFieldValue(int fieldPos, const TezaFieldType& value) {
     TEZA_CHECK_FIELD_ACCESS();
     const TezaFieldTypeMetaData& md = getMetaData();
+    // The copy is made before the old value is released, on purpose: `value` may live inside
+    // the stored record, and would be read after it was freed in the other order.
     TezaFieldType* copy = TezaNamespaceFactory::copyInstance(
         md.getNamespace(), __getLowestLevelTypeName(md, fieldPos), value);
     // The record already stored here is not destroyed when it is the one passed in: the
@@ -281,6 +283,8 @@ TEZA_SET_ARRAY(std::string)
 void TezaFieldType::setFieldValue(int fieldPos, int count, const TezaFieldType* values) {
     TEZA_CHECK_FIELD_ACCESS();
     const TezaFieldTypeMetaData& md = getMetaData();
+    // Copied before the old records are released, on purpose: `values` may be (or live inside)
+    // the stored array, which the other order would read after freeing it.
     TezaFieldType* copies = TezaNamespaceFactory::copyInstances(
         md.getNamespace(), __getLowestLevelTypeName(md, fieldPos), count, values);
     __replaceArray(isFieldSet(fieldPos), _fieldValues[fieldPos], _fieldCounts[fieldPos], copies,
@@ -291,6 +295,8 @@ void TezaFieldType::setFieldValue(int fieldPos, int count, const TezaFieldType* 
 void TezaFieldType::setFieldValue(int fieldPos, std::vector<TezaFieldType*>& values) {
     TEZA_CHECK_FIELD_ACCESS();
     const TezaFieldTypeMetaData& md = getMetaData();
+    // Copied before the old records are released, on purpose: the vector may point into the
+    // stored array, which the other order would read after freeing it.
     TezaFieldType* copies = TezaNamespaceFactory::copyInstances(
         md.getNamespace(), __getLowestLevelTypeName(md, fieldPos), values);
     __replaceArray(isFieldSet(fieldPos), _fieldValues[fieldPos], _fieldCounts[fieldPos], copies,
@@ -667,12 +673,10 @@ void TezaFieldType::copyData(const TezaFieldType& src) {
                 int count = 0;
                 TezaFieldType* records = NULL;
                 ret = src.getFieldValue(i, count, records);
-                if (ret && records != NULL) {
+                if (ret) {
+                    // Null records too (set while the namespace had no factory) go through the
+                    // setter, so that a factory registered since then makes the copy.
                     setFieldValue(i, count, const_cast<const TezaFieldType*>(records));
-                } else if (ret) {
-                    _fieldValues[i] = NULL;
-                    _fieldCounts[i] = count;
-                    fieldSet(i);
                 }
             } else if (isPrimitive && _storeAsRawString) {
                 int count = 0;
