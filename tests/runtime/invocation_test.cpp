@@ -18,6 +18,7 @@
 #include "assertion.h"
 #include "invocation_support.h"
 #include "rk_double.h"
+#include "server_connection_peer.h"
 #include "test_interface.h"
 #include "test_records.h"
 #include "trace_support.h"
@@ -504,7 +505,7 @@ TEST_F(InvocationTest, RefusedUnhealthyNodeAtLevelOneAlsoTracesTheFailure) {
 TEST_P(InvocationVariantTest, RemoteDescriptorSendsNothingAndFailsOnTheNullResponse) {
     const Variant& variant = GetParam();
     TezaServerConnection remote = Descriptor();
-    remote.setRemote("site-b");
+    TezaServerConnectionTestPeer::SetRemote(remote, "site-b");
     VolumeInterface volumes(remote);
     VolumeTracker(variant.api).setTraceLevel(1);
     const Counts before = CountsOf(variant.api);
@@ -540,7 +541,7 @@ TEST_P(InvocationVariantTest, RemoteDescriptorSendsNothingAndFailsOnTheNullRespo
 TEST_F(InvocationTest, RemoteDescriptorIgnoresAHeldTransaction) {
     TezaInterface::get_trans_label = [] { return "txn-42"; };
     TezaServerConnection remote = Descriptor();
-    remote.setRemote("site-b");
+    TezaServerConnectionTestPeer::SetRemote(remote, "site-b");
     VolumeInterface volumes(remote);
     EXPECT_EQ(volumes.systemPing().status, TezaStatus::ApiFailed);
 }
@@ -578,7 +579,7 @@ TEST_P(NoRequestElementTest, CachesTheHandleAndReportsSuccess) {
 TEST_P(NoRequestElementTest, CallsCacheConnectionEvenForARemoteDescriptor) {
     const Variant& variant = GetParam();
     TezaServerConnection remote = Descriptor();
-    remote.setRemote("site-b");
+    TezaServerConnectionTestPeer::SetRemote(remote, "site-b");
     VolumeInterface volumes(remote);
     const Counts before = CountsOf(variant.api);
     rkdouble::FailNext("rk_elem_new");
@@ -653,7 +654,7 @@ TEST_F(InvocationTest, PerformInvocationSendsByNameOrByElement) {
 
 TEST_F(InvocationTest, PerformInvocationOnARemoteDescriptorLeavesTheResponse) {
     TezaServerConnection remote = Descriptor();
-    remote.setRemote("site-b");
+    TezaServerConnectionTestPeer::SetRemote(remote, "site-b");
     VolumeInterface volumes(remote);
     testsupport::ElemPtr earlier(rkdouble::Passed());
     rk_elem_t* response = earlier.get();

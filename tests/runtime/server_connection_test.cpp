@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "TezaConnectionCache.h"
@@ -12,6 +14,7 @@
 #include "assertion.h"
 #include "rk_double.h"
 #include "runtime_fixture.h"
+#include "server_connection_peer.h"
 
 namespace {
 
@@ -222,9 +225,22 @@ TEST_F(TezaServerConnectionTest, SelfAssignmentKeepsHandleAndFlags) {
     d.setCachable(false);
 }
 
+// Whether a caller can call setRemote(std::string) on a T.
+template <typename T, typename = void>
+struct CallerCanSetRemote : std::false_type {};
+template <typename T>
+struct CallerCanSetRemote<
+    T, std::void_t<decltype(std::declval<T&>().setRemote(std::declval<const std::string&>()))>>
+    : std::true_type {};
+
+// A caller that could mark a descriptor remote would make every invocation through it do
+// nothing; only copies carry the mark.
+static_assert(!CallerCanSetRemote<TezaServerConnection>::value,
+              "the remote mark has no public setter");
+
 TEST_F(TezaServerConnectionTest, RemoteMarkIsCopiedAndAssignedButNotSerialised) {
     TezaServerConnection d = Descriptor();
-    d.setRemote("site-b");
+    TezaServerConnectionTestPeer::SetRemote(d, "site-b");
     EXPECT_TRUE(d.isremote());
 
     TezaServerConnection copy(d);
@@ -240,7 +256,7 @@ TEST_F(TezaServerConnectionTest, RemoteMarkIsCopiedAndAssignedButNotSerialised) 
     ASSERT_TRUE(read.xcdr_frombytes(text));
     EXPECT_FALSE(read.isremote());
 
-    d.setRemote("");
+    TezaServerConnectionTestPeer::SetRemote(d, "");
     EXPECT_FALSE(d.isremote());
     EXPECT_TRUE(rkdouble::Calls().empty());
 }

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "TezaInterface.h"
+#include "server_connection_peer.h"
 #include "trace_support.h"
 
 namespace testsupport {
@@ -89,7 +90,7 @@ std::string TrackerName(int api) {
 unsigned int NextTag() {
     Tracker(TagProbe::kInterfaceId, 0).setTraceLevel(1);
     TezaServerConnection remote = Descriptor();
-    remote.setRemote("probe");
+    TezaServerConnectionTestPeer::SetRemote(remote, "probe");
     TagProbe probe(remote);
     const std::string out = CapturedStdout([&] { probe.invoke(0); });
     rkdouble::ClearCalls();

@@ -103,7 +103,8 @@ class TEZA_API TezaServerConnection {
     bool useIpCache() const { return _useIpCache; }
     // The caller's name for log lines, or "no proc".
     const char* getProc() const;
-    // A remote descriptor is never opened or invoked.
+    // A remote descriptor is never opened or invoked. The mark has no setter: only copies and
+    // assignment carry it from one descriptor to another.
     bool isremote() const { return !_remote.empty(); }
 
     // Setters store the value; those that configure the client library also apply it at once
@@ -120,10 +121,6 @@ class TEZA_API TezaServerConnection {
     void setUseHealthChecker(bool use);
     // Keeps the pointer, not a copy of the text: it must outlive its use.
     void setProc(const char* proc);
-    // A non-empty text marks the descriptor remote, the empty text local again; TezaInterface
-    // neither opens nor invokes through a remote descriptor. Copies carry the mark, the text
-    // form does not.
-    void setRemote(const std::string& remote);
 
     // Opens a handle: a cached one when the cache has it, otherwise a fresh one; refuses a
     // quarantined server (error 14007) when the health check is on. REQUIRES: closed.
@@ -150,6 +147,9 @@ class TEZA_API TezaServerConnection {
     bool xcdr_frombytes(std::string& in);
 
   private:
+    // The tests' access to the remote mark; defined with the tests only, never installed.
+    friend class TezaServerConnectionTestPeer;
+
     typedef std::map<TezaServerConnection, Expiration> QuarantineMap;
 
     static QuarantineMap* get_quarantine_map();
@@ -172,9 +172,9 @@ class TEZA_API TezaServerConnection {
     bool _cachable;
     rk_server_t* _server;  // owned; null while closed
     bool _useHealthChecker;
-    bool _useIpCache;   // carried and serialised only
-    const char* _proc;  // not owned
-    std::string _remote;
+    bool _useIpCache;     // carried and serialised only
+    const char* _proc;    // not owned
+    std::string _remote;  // non-empty: remote; copied, never serialised
 
     // Guards the quarantine map; never held across a network call.
     static pthread_mutex_t _mutex;

@@ -370,10 +370,6 @@ void TezaServerConnection::setProc(const char* proc) {
     _proc = proc;
 }
 
-void TezaServerConnection::setRemote(const std::string& remote) {
-    _remote = remote;
-}
-
 // --- Opening and closing ---------------------------------------------------------------------
 
 TezaStatus TezaServerConnection::newConnection() {
