@@ -14,6 +14,26 @@ const char kLogPath[] = "/var/log/tezalog";
 const size_t kLogBufferSize = 10240;
 }  // namespace
 
+// asctime's text of `tm`, line end included, into `out` (at least 26 bytes). asctime_r writes
+// at most 26 bytes and refuses a year of five digits or more, which asctime prints; the text
+// is then made in asctime's layout from that of a four-digit year, whose last four digits are
+// replaced by the whole year, so that the day and month names are asctime's own.
+static void __asctimeText(const struct tm& tm, char* out, size_t size) {
+    if (asctime_r(&tm, out) != nullptr) {
+        return;
+    }
+    struct tm shortYear = tm;
+    shortYear.tm_year = 2000 - 1900;
+    char text[26];
+    if (asctime_r(&shortYear, text) == nullptr) {
+        out[0] = '\0';
+        return;
+    }
+    // "Www Mmm dd hh:mm:ss 2000\n": the year starts 5 characters before the end.
+    text[strlen(text) - 5] = '\0';
+    snprintf(out, size, "%s%lld\n", text, 1900LL + tm.tm_year);
+}
+
 void TezaLogger::Log(const char* format, ...) {
     // The file's existence is the switch: an administrator enables logging by creating it.
     if (access(kLogPath, F_OK) != 0) {
@@ -25,12 +45,15 @@ void TezaLogger::Log(const char* format, ...) {
     }
 
     // The reentrant forms give the same text as localtime and asctime without their shared
-    // static buffers, which concurrent callers would otherwise overwrite.
+    // static buffers, which concurrent callers would otherwise overwrite. localtime_r need not
+    // look at TZ again once it has read it; tzset makes it, so that a change of TZ counts from
+    // the next record on, as it does for localtime.
     time_t now = time(nullptr);
+    tzset();
     struct tm local;
     char timeText[64] = "";
     if (localtime_r(&now, &local) != nullptr) {
-        asctime_r(&local, timeText);
+        __asctimeText(local, timeText, sizeof(timeText));
     }
     char header[kLogBufferSize];
     snprintf(header, sizeof(header), "pid:%d time:%s", static_cast<int>(getpid()), timeText);
