@@ -183,7 +183,12 @@ class ToolsTest(unittest.TestCase):
                      "<street>Main</street>", "<city>Paris</city>", "<tag>x</tag>",
                      "<tag>y</tag>"):
             self.assertIn(line, got.stdout)
-        self.assertNotIn("s3", got.stdout)  # the secret comes back encrypted
+        # The secret comes back encrypted: its element holds base64 ciphertext, never the
+        # clear text (which the ciphertext may well contain by chance, so look at the element).
+        secret = re.search(r'<secret encrypted="[^"]+">([^<]*)</secret>', got.stdout)
+        self.assertIsNotNone(secret, got.stdout)
+        self.assertNotEqual(secret.group(1), "s3")
+        self.assertRegex(secret.group(1), r"^[A-Za-z0-9+/]{20,}={0,2}$")
         verified = self.call(*base, "account-verify-secret", "name=ada", "--secret", "secret=s3")
         self.assertIn("<matches>true</matches>", verified.stdout)
 
