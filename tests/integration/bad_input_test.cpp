@@ -55,8 +55,10 @@ std::string Nested(int depth) {
 
 class BadInput : public RuntimeSession {
   protected:
-    // Calls account-get on a server that answers it with `body`, as it stands.
+    // Calls account-get on a server of its own that answers it with `body`, as it stands. No
+    // handle cached for an earlier one (stopped, on another port) may serve the call.
     static TezaStatus Get(const std::string& body, demo::AccountGetReply& reply) {
+        ForgetCachedConnections();
         ServerConfig config;
         config.script = "account-get raw " + body + "\n";
         TestServer server(config);
@@ -257,6 +259,7 @@ TEST_F(BadInput, MistypedElementsGiveTheReadingRulesValues) {
                         "<calls-served>many</calls-served><api-calls><api-call><api>x</api>"
                         "<calls>zz</calls></api-call><junk>text</junk></api-calls>") +
                     "\n";
+    ForgetCachedConnections();
     TestServer server(config);
     demo::AccountInterface api(Descriptor(server.port()));
     demo::Counters counters;

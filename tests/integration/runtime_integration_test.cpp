@@ -180,7 +180,8 @@ TEST_F(RuntimeIntegration, ScriptedFailureReasonIsEntityDecoded) {
 }
 
 TEST_F(RuntimeIntegration, RefusedPortIsConnectionFailedAndQuarantined) {
-    const int port = teza_test::FreePort();
+    const teza_test::RefusingPort refusing;
+    const int port = refusing.port();
     TezaServerConnection descriptor = Descriptor(port);
     demo::AccountInterface api(descriptor);
     EXPECT_FALSE(Descriptor(port).isQuarantined());

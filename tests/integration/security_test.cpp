@@ -17,6 +17,7 @@
 #include "hook_recorder.h"
 #include "log_file.h"
 #include "rk.h"
+#include "runtime_session.h"
 #include "test_server.h"
 #include "trace_support.h"
 
@@ -107,7 +108,7 @@ TEST_F(Credentials, PasswordsAppearInNoLogTraceOrErrorText) {
         "account-delete http 401 go away\n"
         "account-get drop\n";
     TestServer server(config);
-    const int down = teza_test::FreePort();
+    const teza_test::RefusingPort down;
     int marker = 0;
     std::vector<std::string> errors;
 
@@ -118,7 +119,9 @@ TEST_F(Credentials, PasswordsAppearInNoLogTraceOrErrorText) {
             Family::setTraceLevel(force ? 0 : level);
             for (const TezaServerConnection& connection :
                  {Descriptor(server.port()), Descriptor(server.port(), kWrongPassword),
-                  Descriptor(down)}) {
+                  Descriptor(down.port())}) {
+                // Each descriptor's calls reach its own endpoint and credentials.
+                ForgetCachedConnections();
                 demo::AccountInterface api(connection, force, &marker, "security");
                 demo::AccountCreateRequest create;
                 create.setName("acct" + std::to_string(level));

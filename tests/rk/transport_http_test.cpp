@@ -207,7 +207,8 @@ TEST_F(HttpTransport, UnknownApiFails) {
 }
 
 TEST_F(HttpTransport, RefusedConnectionIs13055) {
-    int port = FreePort();
+    RefusingPort refusing;
+    const int port = refusing.port();
     ServerPtr h = OpenHandle("127.0.0.1", port);
     Outcome outcome = Call(h.get(), "system-get-corvi-version");
     EXPECT_EQ(outcome.status, 0);
@@ -402,7 +403,8 @@ TEST_F(HttpTransport, SettersAcceptAnyValueOnAHandle) {
 }
 
 TEST_F(HttpTransport, UnsupportedStylesAreRefused) {
-    ServerPtr h = OpenHandle("127.0.0.1", FreePort());
+    RefusingPort refusing;
+    ServerPtr h = OpenHandle("127.0.0.1", refusing.port());
     rk_server_set_style(h.get(), RK_STYLE_CERTIFICATE);
     Outcome outcome = Call(h.get(), "system-get-corvi-version");
     EXPECT_EQ(outcome.errnum, RK_ERR_STYLE);

@@ -82,19 +82,23 @@ Outcome Call(rk_server_t* server, const char* api) {
     return Read(result.get());
 }
 
-int FreePort() {
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
+RefusingPort::RefusingPort() {
+    _fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in address = {};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t length = sizeof address;
-    int port = 0;
-    if (bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
-        getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0) {
-        port = ntohs(address.sin_port);
+    if (_fd >= 0 && bind(_fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
+        getsockname(_fd, reinterpret_cast<sockaddr*>(&address), &length) == 0) {
+        _port = ntohs(address.sin_port);
     }
-    close(fd);
-    return port;
+    EXPECT_GT(_port, 0) << "cannot bind a port on 127.0.0.1";
+}
+
+RefusingPort::~RefusingPort() {
+    if (_fd >= 0) {
+        close(_fd);
+    }
 }
 
 TempDir::TempDir() {

@@ -74,8 +74,20 @@ std::ostream& operator<<(std::ostream& out, const Outcome& outcome);
 // Calls without arguments and reads the result.
 Outcome Call(rk_server_t* server, const char* api);
 
-// A free TCP port on 127.0.0.1 at the time of the call (nothing listens on it).
-int FreePort();
+// A TCP port on 127.0.0.1 that refuses every connection while the object lives: a socket is
+// bound to it, so no other program can take it, and never listens.
+class RefusingPort {
+  public:
+    RefusingPort();
+    ~RefusingPort();
+    RefusingPort(const RefusingPort&) = delete;
+    RefusingPort& operator=(const RefusingPort&) = delete;
+    int port() const { return _port; }
+
+  private:
+    int _fd = -1;
+    int _port = 0;
+};
 
 // A directory removed with its contents at destruction.
 class TempDir {

@@ -8,6 +8,7 @@ import os
 import re
 import shutil
 import signal
+import socket
 import subprocess
 import tempfile
 import unittest
@@ -217,10 +218,12 @@ class ToolsTest(unittest.TestCase):
         self.assertIn("error 13071", untrusted.stderr)
 
     def test_call_to_a_closed_port_fails_to_connect(self):
-        server = self.start_tezad()
-        port = server.port
-        server.stop()
-        result = self.call("--host", "127.0.0.1", "--port", port, "account-list")
+        # A port bound without listening refuses connections, and no other program can take
+        # it meanwhile.
+        with socket.socket(socket.AF_INET, socket.SOCK_STREAM) as bound:
+            bound.bind(("127.0.0.1", 0))
+            port = str(bound.getsockname()[1])
+            result = self.call("--host", "127.0.0.1", "--port", port, "account-list")
         self.assertEqual(result.returncode, 1)
         self.assertIn("error 13055", result.stderr)
 
