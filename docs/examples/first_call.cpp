@@ -72,8 +72,8 @@ class Server {
 TezaServerConnection Node(int port, const std::string& password = "secret") {
     return TezaServerConnection("127.0.0.1", 1, 21, TezaServerConnection::STYLE_LOGIN_PASSWORD,
                                 TezaServerConnection::TRANSPORT_HTTP, port,
-                                TezaServerConnection::SERVER_TYPE_NODE, 10, 10, "admin",
-                                password, 10);
+                                TezaServerConnection::SERVER_TYPE_NODE, 10, 10, "admin", password,
+                                10);
 }
 TezaServerConnection Node(const Server& server, const std::string& password = "secret") {
     return Node(server.port(), password);
@@ -205,8 +205,7 @@ void Descriptor() {
     // [descriptor]
     TezaServerConnection node("127.0.0.1", 1, 21, TezaServerConnection::STYLE_LOGIN_PASSWORD,
                               TezaServerConnection::TRANSPORT_HTTP, 8080,
-                              TezaServerConnection::SERVER_TYPE_NODE, 60, 15, "admin", "secret",
-                              5);
+                              TezaServerConnection::SERVER_TYPE_NODE, 60, 15, "admin", "secret", 5);
     std::cout << node.toString() << "\n";
     // [end]
 }
