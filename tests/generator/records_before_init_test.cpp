@@ -8,6 +8,7 @@
 #include <atomic>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "TezaNamespaceFactory.h"
@@ -145,6 +146,27 @@ TEST(RecordsBeforeInit, ArrayOfRecordsSetBeforeInitIsHeld) {
     uint64_t number = 0;
     EXPECT_TRUE(calls[1].getCalls(number));
     EXPECT_EQ(number, 3u);
+}
+
+TEST(RecordsBeforeInit, FirstSettersOnSeveralThreadsAtOnce) {
+    ASSERT_EQ(TezaNamespaceFactory::getTypeFactory("demo"), nullptr)
+        << "the test needs a process of its own";
+    const int kThreads = 4;
+    std::vector<demo::AccountCreateRequest> requests(kThreads);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kThreads; ++i) {
+        threads.emplace_back([&requests, i] {
+            requests[static_cast<size_t>(i)].setAddress(
+                Address("street", "city-" + std::to_string(i)));
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(TezaNamespaceFactory::getTypeFactory("demo"), GeneratedFactory());
+    for (int i = 0; i < kThreads; ++i) {
+        EXPECT_EQ(City(requests[static_cast<size_t>(i)].getAddress()), "city-" + std::to_string(i));
+    }
 }
 
 TEST(RecordsBeforeInit, InitAndCleanupLeaveTheEarlyRegistrationAsInitMakesIt) {
