@@ -11,8 +11,10 @@
 # TezaNamespaceFactory::registerDefaultTypeFactory() and TezaNS_depot::getTezaTracker() that
 # the runtime calls. A program has exactly one teza_globals.cpp, so give every schema of a
 # program to one call, or generate libraries with NO_GLOBALS and add the program's
-# teza_globals.cpp with GLOBALS_ONLY and the same schemas. NO_INTERFACES leaves out the
-# interface classes.
+# teza_globals.cpp with GLOBALS_ONLY and the same schemas. A second call on a target that
+# already has its teza_globals.cpp, or that would add one beside another call's schemas, is
+# refused at configure time; so is a call that would write a file another call writes.
+# NO_INTERFACES leaves out the interface classes.
 #
 # The sources are added to <target> and the output directory (default:
 # ${CMAKE_CURRENT_BINARY_DIR}/teza_gen/<target>) to its PUBLIC include directories. The target
@@ -55,6 +57,47 @@ function(_teza_generate_check_python)
       "teza_generate: teza-gen needs Jinja2 for ${Python3_EXECUTABLE} (Debian: python3-jinja2)")
   endif()
   set_property(GLOBAL PROPERTY TEZA_GEN_PYTHON_CHECKED TRUE)
+endfunction()
+
+# Refuses, at configure time, a call that cannot work beside the earlier calls. A target's
+# teza_globals.cpp must reach every schema of the target, so a target takes either one call
+# that writes it, or any number of NO_GLOBALS calls with at most one GLOBALS_ONLY call. And no
+# two calls may write the same file, which the build tool would only report as a clash of
+# rules.
+function(_teza_generate_check_calls target no_globals globals_only schemas outputs)
+  if(globals_only)
+    set(mode GLOBALS_ONLY)
+  elseif(no_globals)
+    set(mode NO_GLOBALS)
+  else()
+    set(mode ALL)
+  endif()
+  get_property(earlier_modes TARGET ${target} PROPERTY TEZA_GENERATE_MODES)
+  get_property(earlier_schemas TARGET ${target} PROPERTY TEZA_GENERATE_SCHEMAS)
+  if(earlier_modes)
+    if(mode STREQUAL "ALL" OR "ALL" IN_LIST earlier_modes
+       OR (mode STREQUAL "GLOBALS_ONLY" AND "GLOBALS_ONLY" IN_LIST earlier_modes))
+      string(REPLACE ";" ", " earlier "${earlier_schemas}")
+      string(REPLACE ";" ", " these "${schemas}")
+      message(FATAL_ERROR
+        "teza_generate: target '${target}' already has code generated from ${earlier}; "
+        "give every schema of a target to one call (here also ${these}), since the "
+        "target's teza_globals.cpp must reach them all, or generate the schemas with "
+        "NO_GLOBALS and add one GLOBALS_ONLY call with all of them")
+    endif()
+  endif()
+  set_property(TARGET ${target} APPEND PROPERTY TEZA_GENERATE_MODES ${mode})
+  set_property(TARGET ${target} APPEND PROPERTY TEZA_GENERATE_SCHEMAS ${schemas})
+
+  get_property(claimed GLOBAL PROPERTY TEZA_GENERATE_OUTPUTS)
+  foreach(output IN LISTS outputs)
+    if(output IN_LIST claimed)
+      message(FATAL_ERROR
+        "teza_generate: ${output} is written by an earlier call already; give every schema "
+        "of a target to one call, and each target its own OUTPUT_DIR")
+    endif()
+  endforeach()
+  set_property(GLOBAL APPEND PROPERTY TEZA_GENERATE_OUTPUTS ${outputs})
 endfunction()
 
 function(teza_generate)
@@ -104,6 +147,8 @@ function(teza_generate)
   if(ARG_NO_INTERFACES)
     list(APPEND options --no-interfaces)
   endif()
+  _teza_generate_check_calls("${ARG_TARGET}" "${ARG_NO_GLOBALS}" "${ARG_GLOBALS_ONLY}"
+                             "${ARG_SCHEMA}" "${outputs}")
 
   get_property(gen_dir GLOBAL PROPERTY TEZA_GEN_DIR)
   get_property(gen_files GLOBAL PROPERTY TEZA_GEN_FILES)

@@ -324,7 +324,6 @@ class SchemaErrorTest(unittest.TestCase):
                     keys : string[] encrypted;
                     inner : secret encrypted;
                     pin : uint32 encrypted;
-                    on : bool encrypted;
                 }
             }
             """,
@@ -332,6 +331,26 @@ class SchemaErrorTest(unittest.TestCase):
             "'keys' is an array, which is always sent in the clear",
             "api.teza:5:24: error: 'encrypted' applies to single values of a basic type; field "
             "'inner' is a record, which is always sent in the clear",
+        )
+
+    def test_encrypted_bool_is_refused_since_it_cannot_be_read_back(self):
+        self.assert_errors(
+            """\
+            namespace depot {
+                typedef switch = bool;
+                type holder {
+                    on : bool optional encrypted;
+                    lever : switch encrypted;
+                    pin : uint32 encrypted;
+                }
+            }
+            """,
+            "api.teza:4:28: error: 'encrypted' cannot be read back on a bool; field 'on' would "
+            "be sent in the clear and always read as unset, since booleans are never encrypted "
+            "and an encrypted field is read only from an encrypted value",
+            "api.teza:5:24: error: 'encrypted' cannot be read back on a bool; field 'lever' "
+            "would be sent in the clear and always read as unset, since booleans are never "
+            "encrypted and an encrypted field is read only from an encrypted value",
         )
 
     def test_flag_given_twice(self):

@@ -68,7 +68,7 @@ void ExpectSameInstances(const TezaFieldTypeFactory& written, const TezaFieldTyp
 TEST(RecordShapesTest, StoreDescriptorsMatchTheGeneratedOnes) {
     ExpectSameDescriptor(teza_store::Basics::metaData(), store::Basics().getMetaData(), {}, 2);
     ExpectSameDescriptor(teza_store::Secrets::metaData(), store::Secrets().getMetaData(),
-                         {"keys", "pins"});
+                         {"keys", "pins", "locked"});
     ExpectSameDescriptor(teza_store::OwnerInfo::metaData(), store::OwnerInfo().getMetaData());
     ExpectSameDescriptor(teza_store::VolumeInfo::metaData(), store::VolumeInfo().getMetaData());
     ExpectSameDescriptor(teza_store::Nesting::metaData(), store::Nesting().getMetaData());

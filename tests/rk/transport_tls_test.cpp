@@ -1,7 +1,10 @@
 // librk's HTTPS transport against a tezad front end with certificates made for the test:
 // trusted and untrusted servers, host names, client certificates and unusable files.
 
+#include <errno.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <memory>
 #include <string>
@@ -124,6 +127,31 @@ TEST_F(TlsTransport, NullOrEmptyDefaultCaFileGoesBackToTheSystemCertificates) {
         ServerPtr h = Https(server, "");
         EXPECT_EQ(Call(h.get(), "system-get-corvi-version").errnum, RK_ERR_TLS_UNTRUSTED);
     }
+}
+
+TEST_F(TlsTransport, DefaultCaFileThatCannotBeReadIsRefusedAtOnce) {
+    TestServer server(Tls("server"));
+    DefaultCaFileReset reset;
+    ASSERT_NE(rk_set_default_ca_file(_dir->File("server.pem").c_str()), 0);
+
+    errno = 0;
+    EXPECT_EQ(rk_set_default_ca_file(_dir->File("missing.pem").c_str()), 0);
+    EXPECT_EQ(errno, ENOENT);
+    errno = 0;
+    EXPECT_EQ(rk_set_default_ca_file(_dir->path().c_str()), 0);
+    EXPECT_EQ(errno, EISDIR);
+    // Permissions do not stop the superuser, so this case needs an ordinary user.
+    if (geteuid() != 0) {
+        const std::string locked = _dir->Write("locked.pem", ReadFile(_dir->File("server.pem")));
+        ASSERT_EQ(chmod(locked.c_str(), 0), 0);
+        errno = 0;
+        EXPECT_EQ(rk_set_default_ca_file(locked.c_str()), 0);
+        EXPECT_EQ(errno, EACCES);
+    }
+
+    // The refused files left the earlier setting in force.
+    ServerPtr h = Https(server, "");
+    EXPECT_EQ(Call(h.get(), "system-get-corvi-version").status, 1);
 }
 
 TEST_F(TlsTransport, HttpsToAPlainServerFailsTheHandshake) {

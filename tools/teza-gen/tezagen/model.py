@@ -167,6 +167,11 @@ class Namespace:
         return sorted(self.records, key=lambda r: r.name.encode())
 
     @property
+    def has_record_fields(self):
+        """Whether a record of the namespace holds nested records, copied by its factory."""
+        return any(f.record is not None for r in self.records for f in r.fields)
+
+    @property
     def typedef_chains(self):
         """Typedefs with a non-empty chain, sorted by name for the factory's lookup."""
         return sorted((t for t in self.typedefs if t.chain), key=lambda t: t.name.encode())
@@ -556,6 +561,14 @@ def check_fields(checker, record, decl, records, typedefs, broken, unknown_type)
                 flag.position,
                 f"'encrypted' applies to single values of a basic type; field "
                 f"'{fd.name.text}' is {shape}, which is always sent in the clear",
+            )
+        elif encrypted and basic is BASIC_TYPES["bool"]:
+            flag = next(f for f in fd.flags if f.text == "encrypted")
+            checker.error(
+                flag.position,
+                f"'encrypted' cannot be read back on a bool; field '{fd.name.text}' would be "
+                "sent in the clear and always read as unset, since booleans are never "
+                "encrypted and an encrypted field is read only from an encrypted value",
             )
 
         f = Field(

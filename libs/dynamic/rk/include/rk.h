@@ -268,7 +268,9 @@ RK_API int rk_set_default_key(const char* key);
  * rk_server_set_ca_file replaces it on a handle; null or "" goes back to the system's trusted
  * certificates (the default). Process-wide, for handles that code opens without a CA setting
  * of its own, such as the runtime's connections. Handles already open keep theirs. Returns
- * non-zero on success. */
+ * non-zero on success. The file is checked at once: when it cannot be opened and read, the
+ * result is zero with errno saying why (ENOENT, EACCES, EISDIR...) and the setting stays as it
+ * was. */
 RK_API int rk_set_default_ca_file(const char* path);
 
 #ifdef __cplusplus

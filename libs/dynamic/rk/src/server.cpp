@@ -2,7 +2,10 @@
 // is made, not when they are set, so that every setter succeeds on a valid handle and every
 // problem reaches the caller as a failed result with a reason.
 
+#include <errno.h>
+#include <fcntl.h>
 #include <stdarg.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <memory>
@@ -144,6 +147,27 @@ std::string DefaultCaFile() {
     return gDefaultCaFile;
 }
 
+// Whether `path` opens for reading and its first byte can be read (an empty file counts as
+// read); otherwise false with errno saying why: ENOENT, EACCES, EISDIR...
+bool CanReadFile(const std::string& path) {
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        return false;
+    }
+    char byte;
+    ssize_t got;
+    do {
+        got = read(fd, &byte, 1);
+    } while (got < 0 && errno == EINTR);
+    const int readError = errno;
+    close(fd);
+    if (got < 0) {
+        errno = readError;
+        return false;
+    }
+    return true;
+}
+
 }  // namespace
 
 extern "C" {
@@ -221,6 +245,11 @@ int rk_server_set_ca_file(rk_server_t* server, const char* path) {
 int rk_set_default_ca_file(const char* path) {
     try {
         std::string file = Text(path);
+        // Every handle opened later would fail its first HTTPS call on a file that cannot be
+        // read, far from the line that named it: refuse it here, errno saying why.
+        if (!file.empty() && !CanReadFile(file)) {
+            return 0;
+        }
         std::lock_guard<std::mutex> lock(gDefaultCaFileMutex);
         gDefaultCaFile.swap(file);
         return 1;

@@ -56,7 +56,7 @@ TezaFieldType* createRecord() {
 
 template <class R>
 TezaFieldType* createRecords(int count) {
-    return count < 0 ? nullptr : new R[count];
+    return count < 0 ? nullptr : new R[static_cast<size_t>(count)];
 }
 
 template <class R>
@@ -73,8 +73,9 @@ TezaFieldType* copyRecords(int count, const TezaFieldType* source) {
     }
     // The array's first record is an R, so the array is one of R.
     const R* records = static_cast<const R*>(source);
-    std::unique_ptr<R[]> copies(new R[count]);
-    for (int i = 0; i < count; ++i) {
+    const size_t size = static_cast<size_t>(count);
+    std::unique_ptr<R[]> copies(new R[size]);
+    for (size_t i = 0; i < size; ++i) {
         copies[i] = records[i];
     }
     return copies.release();
@@ -112,6 +113,26 @@ struct TypedefChain {
 // --- Namespace "inventory" -------------------------------------------------------------------
 
 namespace inventory {
+
+namespace {
+
+// Setting a nested record copies it through the namespace's factory, looked up in
+// TezaNamespaceFactory. TezaWrapper::init() registers the factory, but a record may be filled
+// before it: the setters of nested records therefore register it themselves, once, unless a
+// factory is registered already. Registering again later (as init() does) replaces the entry
+// with the same factory, so the registry behaves as if init() had come first.
+void registerFactoryOnce() {
+    static const bool registered = [] {
+        if (TezaNamespaceFactory::getTypeFactory("inventory") == nullptr) {
+            TezaNamespaceFactory::registerTypeFactory("inventory",
+                                                      &InventoryTypeFactory::instance());
+        }
+        return true;
+    }();
+    static_cast<void>(registered);
+}
+
+}  // namespace
 
 // Type "scalars".
 
@@ -740,6 +761,7 @@ bool Shelf::getLabelRaw(std::string& text) const {
 }
 
 void Shelf::setItems(const std::vector<Scalars>& values) {
+    registerFactoryOnce();
     const TezaFieldType* items = values.data();
     setFieldValue(FIELD_ITEMS, static_cast<int>(values.size()), items);
 }
@@ -771,6 +793,7 @@ bool Shelf::isItemsSet() const {
 }
 
 void Shelf::setScalars(const Scalars& value) {
+    registerFactoryOnce();
     setFieldValue(FIELD_SCALARS, static_cast<const TezaFieldType&>(value));
 }
 
@@ -796,6 +819,7 @@ bool Shelf::isScalarsSet() const {
 }
 
 void Shelf::setExtras(const Arrays& value) {
+    registerFactoryOnce();
     setFieldValue(FIELD_EXTRAS, static_cast<const TezaFieldType&>(value));
 }
 
@@ -821,6 +845,7 @@ bool Shelf::isExtrasSet() const {
 }
 
 void Shelf::setNothing(const Empty& value) {
+    registerFactoryOnce();
     setFieldValue(FIELD_NOTHING, static_cast<const TezaFieldType&>(value));
 }
 
@@ -988,6 +1013,7 @@ bool Warehouse::getLabelItemsRaw(std::vector<std::string>& texts) const {
 }
 
 void Warehouse::setMainShelf(const Shelf& value) {
+    registerFactoryOnce();
     setFieldValue(FIELD_MAIN_SHELF, static_cast<const TezaFieldType&>(value));
 }
 
@@ -1013,6 +1039,7 @@ bool Warehouse::isMainShelfSet() const {
 }
 
 void Warehouse::setShelves(const std::vector<Shelf>& values) {
+    registerFactoryOnce();
     const TezaFieldType* items = values.data();
     setFieldValue(FIELD_SHELVES, static_cast<int>(values.size()), items);
 }
@@ -1223,6 +1250,26 @@ void AuditFamily::setTraceLevel(int /*level*/) {}
 
 namespace billing {
 
+namespace {
+
+// Setting a nested record copies it through the namespace's factory, looked up in
+// TezaNamespaceFactory. TezaWrapper::init() registers the factory, but a record may be filled
+// before it: the setters of nested records therefore register it themselves, once, unless a
+// factory is registered already. Registering again later (as init() does) replaces the entry
+// with the same factory, so the registry behaves as if init() had come first.
+void registerFactoryOnce() {
+    static const bool registered = [] {
+        if (TezaNamespaceFactory::getTypeFactory("billing") == nullptr) {
+            TezaNamespaceFactory::registerTypeFactory("billing",
+                                                      &BillingTypeFactory::instance());
+        }
+        return true;
+    }();
+    static_cast<void>(registered);
+}
+
+}  // namespace
+
 // Type "invoice".
 
 namespace {
@@ -1325,6 +1372,7 @@ bool Invoice::getPaidRaw(std::string& text) const {
 }
 
 void Invoice::setLines(const std::vector<Line>& values) {
+    registerFactoryOnce();
     const TezaFieldType* items = values.data();
     setFieldValue(FIELD_LINES, static_cast<int>(values.size()), items);
 }

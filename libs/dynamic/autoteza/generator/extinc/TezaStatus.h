@@ -14,8 +14,10 @@ class TEZA_API TezaStatus {
     enum ReturnStatus { Success = 0, ApiFailed = 1, ConnectionFailed = 3 };
 
     TezaStatus() : status(Success), errnum(0) {}
-    TezaStatus(ReturnStatus status, std::string reason, int errnum)
-        : status(status), reason(std::move(reason)), errnum(errnum) {}
+    // The parameters are named apart from the members so that code built with -Wshadow
+    // includes this header cleanly.
+    TezaStatus(ReturnStatus outcome, std::string why, int number)
+        : status(outcome), reason(std::move(why)), errnum(number) {}
     TezaStatus(const TezaStatus&) = default;
     TezaStatus& operator=(const TezaStatus&) = default;
     ~TezaStatus() = default;
