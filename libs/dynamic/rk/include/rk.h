@@ -237,14 +237,39 @@ RK_API const char* rk_elem_get_attr(rk_elem_t* elem, const char* name);
 /* A deep copy of the tree below `elem`, which the caller owns. */
 RK_API rk_elem_t* rk_elem_copy(rk_elem_t* elem);
 
-/* Limits applied by rk_elem_parse. */
+/* Limits of parsing (rk_elem_parse and every answer of a server).
+ *
+ * One limit is the user's: the size of a document in bytes, RK_PARSE_MAX_BYTES for
+ * rk_elem_parse and the handle's rk_server_set_max_response_size for answers. Every other
+ * limit follows from it, for a document of at most L bytes:
+ *  - at most max(L / RK_PARSE_BYTES_PER_ELEMENT, 1024) elements;
+ *  - at most max(L / RK_PARSE_BYTES_PER_ATTRIBUTE, 1024) attributes in all;
+ *  - elements nested at most RK_PARSE_MAX_DEPTH deep (whatever L);
+ *  - the tree taking at most max(3 x L, 1 MiB) bytes of memory, so that a document and its
+ *    tree together take at most about 4 x L whatever their shape. An element costs about 64
+ *    bytes, an attribute 24, a text or name its length: a document made of nothing but empty
+ *    elements ("<a/>", 4 bytes each) reaches this limit before the count of elements.
+ * A document over L bytes, or past one of the counts or the tree's memory, is refused with a
+ * reason that names the limit (RK_ERR_TOO_LARGE for an answer); one nested too deep is
+ * malformed (RK_ERR_MALFORMED). A dense real document (records of a few hundred bytes, a few
+ * tens of bytes per element) is far inside every limit. Parsing an answer counts against the
+ * call's time-out: a parse still running when it is over fails with RK_ERR_TIMEOUT.
+ *
+ * Documents are XML 1.0 in UTF-8, checked strictly: invalid UTF-8, a NUL byte or another
+ * character outside XML's Char production (control characters but tab, line feed and carriage
+ * return; U+FFFE, U+FFFF) anywhere in the text, after the root element too, makes a document
+ * malformed, with the byte offset. "&" stands only as an entity or character reference, kept
+ * as it stands; document type declarations are skipped and their entities never expanded. */
 #define RK_PARSE_MAX_DEPTH 256
 #define RK_PARSE_MAX_BYTES (64u * 1024u * 1024u)
+#define RK_PARSE_BYTES_PER_ELEMENT 16
+#define RK_PARSE_BYTES_PER_ATTRIBUTE 16
 
 /* Parses `len` bytes of XML text into a new tree that the caller owns. Entity references in
  * text and attribute values are kept as they stand. On failure returns null and, when errbuf
- * is not null, a NUL-terminated reason (with the byte offset) in errbuf. Input over
- * RK_PARSE_MAX_BYTES or nested deeper than RK_PARSE_MAX_DEPTH is refused. */
+ * is not null, a NUL-terminated reason (with the byte offset where the text is at fault) in
+ * errbuf. The limits above apply, for a document of at most RK_PARSE_MAX_BYTES bytes, without
+ * a time limit. */
 RK_API rk_elem_t* rk_elem_parse(const char* text, size_t len, char* errbuf, int errbuflen);
 
 /* Server handles made and given back since the library was loaded, process-wide: every
