@@ -3,11 +3,20 @@
 // that are not well-formed XML 1.0 in UTF-8, and requests that cannot be written as such
 // (refused before anything is sent).
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <string.h>
 
+#include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <string>
+#include <thread>
+#include <utility>
 
 #include "rk.h"
 #include "test_server.h"
@@ -163,6 +172,120 @@ TEST_F(AnswerRules, AnswerUnderARaisedLimitIsNotCappedByTheParser) {
     ElemPtr result(rk_server_invoke(h.get(), "probe", nullptr));
     EXPECT_EQ(rk_results_status(result.get()), 1) << Read(result.get());
     EXPECT_EQ(strlen(rk_child_get_string(result.get(), "t")), big.size());
+}
+
+// A server of one answer: listens on a free loopback port before handing it out; for each
+// call, reads the request, waits the delay that next() gives, writes `answer` (a whole HTTP
+// answer, "Connection: close") at once and closes the connection; stops after `calls` calls.
+class OneAnswerServer {
+  public:
+    OneAnswerServer(std::string answer, int calls) : _answer(std::move(answer)), _calls(calls) {
+        _listener = socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t length = sizeof address;
+        EXPECT_EQ(bind(_listener, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+        EXPECT_EQ(listen(_listener, 1), 0);
+        EXPECT_EQ(getsockname(_listener, reinterpret_cast<sockaddr*>(&address), &length), 0);
+        _port = ntohs(address.sin_port);
+        _thread = std::thread([this] {
+            for (int i = 0; i < _calls; ++i) {
+                Serve();
+            }
+        });
+    }
+    ~OneAnswerServer() {
+        _thread.join();
+        close(_listener);
+    }
+    int port() const { return _port; }
+    // The delay of the next call's answer; set before that call.
+    std::atomic<int> delayMs{0};
+
+  private:
+    void Serve() {
+        int fd = accept(_listener, nullptr, nullptr);
+        if (fd < 0) {
+            return;
+        }
+        // The request: headers, then a body of Content-Length bytes.
+        std::string request;
+        char buffer[4096];
+        size_t need = std::string::npos;
+        while (request.size() < need) {
+            ssize_t n = read(fd, buffer, sizeof buffer);
+            if (n <= 0) {
+                break;
+            }
+            request.append(buffer, static_cast<size_t>(n));
+            size_t end = request.find("\r\n\r\n");
+            size_t field = request.find("Content-Length: ");
+            if (need == std::string::npos && end != std::string::npos &&
+                field != std::string::npos) {
+                need = end + 4 + std::stoul(request.substr(field + 16));
+            }
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(delayMs.load()));
+        for (size_t sent = 0; sent < _answer.size();) {
+            ssize_t n = write(fd, _answer.data() + sent, _answer.size() - sent);
+            if (n <= 0) {
+                break;
+            }
+            sent += static_cast<size_t>(n);
+        }
+        close(fd);
+    }
+
+    const std::string _answer;
+    const int _calls;
+    int _listener = -1;
+    int _port = 0;
+    std::thread _thread;
+};
+
+long long MillisecondsSince(std::chrono::steady_clock::time_point start) {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() -
+                                                                 start)
+        .count();
+}
+
+TEST_F(AnswerRules, ParsingCountsAgainstTheTimeOut) {
+    // 60 MB of records, some 2 million elements.
+    std::string body = "<results status=\"passed\">";
+    while (body.size() < 60 * 1000 * 1000) {
+        body +=
+            "<account-info><name>account-name</name><city>city-name</city>"
+            "<zip>12345678</zip></account-info>";
+    }
+    body += "</results>";
+    OneAnswerServer server("HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(body.size()) +
+                               "\r\nConnection: close\r\n\r\n" + body,
+                           2);
+    ServerPtr h = OpenHandle("127.0.0.1", server.port());
+    // Room for the tree, so that only time can stop it.
+    rk_server_set_max_response_size(h.get(), 256 * 1000 * 1000);
+
+    // Without a time-out the call passes, taking `whole` to receive and parse the answer.
+    rk_server_set_timeout(h.get(), 0);
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(Call(h.get(), "probe").status, 1);
+    const long long whole = MillisecondsSince(start);
+
+    // With a time-out of 1 s, the answer comes late enough that its parsing would end half of
+    // `whole` after the time-out: the call must end in time all the same. (On a machine so
+    // loaded that the answer takes over 2 s, it arrives too late to be parsed at all; the call
+    // ends in time with the same error.)
+    server.delayMs = static_cast<int>(std::max(0LL, 1000 - whole / 2));
+    rk_server_set_timeout(h.get(), 1);
+    start = std::chrono::steady_clock::now();
+    Outcome outcome = Call(h.get(), "probe");
+    const long long took = MillisecondsSince(start);
+    printf("whole answer %lld ms; with a time-out of 1 s, after %d ms: %lld ms, %s\n", whole,
+           server.delayMs.load(), took, outcome.reason.c_str());
+    EXPECT_EQ(outcome.errnum, RK_ERR_TIMEOUT) << outcome;
+    // Within the time-out and 100 ms, with room for a loaded machine.
+    EXPECT_LT(took, 1000 + 100 + 250);
 }
 
 // ---- Requests ----------------------------------------------------------------------
