@@ -9,6 +9,7 @@
 
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "rk.h"
@@ -301,6 +302,36 @@ TEST(RkParsedTree, ParsedElementsChangeLikeAnyOther) {
         order += rk_elem_get_content(i);
     }
     EXPECT_EQ(order, "023");
+}
+
+TEST(RkParsedTree, SubtreesOfOneTreeAreFreedOnTwoThreadsAtOnce) {
+    // Two detached parts of one parsed tree share its storage; each thread uses its own.
+    for (int round = 0; round < 50; ++round) {
+        std::string text = "<r>";
+        for (int i = 0; i < 200; ++i) {
+            text += "<a><b>x</b></a>";
+        }
+        text += "</r>";
+        ElemPtr tree = ParseText(text);
+        std::vector<rk_elem_t*> parts;
+        while (rk_elem_child_count(tree.get()) > 0) {
+            rk_elem_t* child = rk_elem_child(tree.get(), "a");
+            parts.push_back(rk_child_remove(tree.get(), child));
+        }
+        tree.reset();
+        std::thread first([&] {
+            for (size_t i = 0; i < parts.size(); i += 2) {
+                rk_elem_free(parts[i]);
+            }
+        });
+        std::thread second([&] {
+            for (size_t i = 1; i < parts.size(); i += 2) {
+                rk_elem_free(parts[i]);
+            }
+        });
+        first.join();
+        second.join();
+    }
 }
 
 TEST(RkStartup, StartupAndShutdown) {
