@@ -433,4 +433,15 @@ TEST(ParseStrict, TextPiecesJoinAndWhiteSpaceFollowsTheRule) {
     EXPECT_STREQ(rk::ChildGetString(tree.get(), "d"), "");
 }
 
+TEST(ParseStrict, PiecesThatMeetAsTheEndOfACdataSectionAreEscaped) {
+    // Written back as it stands, "]]>" would not parse again.
+    rk::ParseError error;
+    ElemPtr tree(Parse("<r><a><![CDATA[x]]]]>>y<b/></a><c>]<!---->]>z</c><d>]]<!---->></d></r>",
+                       rk::ParseLimits::ForSize(1 << 20), &error));
+    ASSERT_NE(tree, nullptr) << error.reason;
+    EXPECT_STREQ(rk::ChildGetString(tree.get(), "a"), "x]]&gt;y");
+    EXPECT_STREQ(rk::ChildGetString(tree.get(), "c"), "]]&gt;z");
+    EXPECT_STREQ(rk::ChildGetString(tree.get(), "d"), "]]&gt;");
+}
+
 }  // namespace

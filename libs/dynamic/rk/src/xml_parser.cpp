@@ -628,7 +628,21 @@ bool Parser::AddPiece(OpenElement& open, const char* piece, size_t len) {
             open.text.assign(open.piece, open.pieceLen);
             open.joined = true;
         }
-        open.text.append(piece, len);
+        // No piece holds "]]>", but two may make one where they meet ("]]" before a comment,
+        // ">" after it), which the text could not be written back as: that ">" is escaped.
+        std::string& text = open.text;
+        if (len >= 1 && piece[0] == '>' && text.size() >= 2 && text[text.size() - 1] == ']' &&
+            text[text.size() - 2] == ']') {
+            text.append("&gt;");
+            ++piece;
+            --len;
+        } else if (len >= 2 && piece[0] == ']' && piece[1] == '>' && !text.empty() &&
+                   text.back() == ']') {
+            text.append("]&gt;");
+            piece += 2;
+            len -= 2;
+        }
+        text.append(piece, len);
     }
     open.holdsNodes = true;
     return true;
