@@ -414,15 +414,21 @@ TEST_F(BadInput, OddFailedResultsAreReportedAsTheyStand) {
     EXPECT_EQ(status.reason, "");
     EXPECT_EQ(status.errnum, 0);
 
-    // A number that is not one, entities the runtime does not know, children it ignores.
+    // Entities the runtime does not know, children it ignores.
     status =
-        Get("<results status=\"failed\" reason=\"&lt;b&gt; &amp;lt; &#38; &foo;\" errno=\"abc\">"
+        Get("<results status=\"failed\" reason=\"&lt;b&gt; &amp;lt; &#38; &foo;\" errno=\"7\">"
             "<account-info><name>x</name></account-info></results>",
             reply);
     EXPECT_EQ(status.status, TezaStatus::ApiFailed);
     EXPECT_EQ(status.reason, "<b> &lt; &#38; &foo;");
-    EXPECT_EQ(status.errnum, 0);
+    EXPECT_EQ(status.errnum, 7);
     EXPECT_EQ(reply.getAccountInfo(), nullptr);
+
+    // A number that is not one cannot be passed on as if it meant something.
+    status = Get("<results status=\"failed\" reason=\"r\" errno=\"abc\"/>", reply);
+    EXPECT_EQ(status.status, TezaStatus::ApiFailed);
+    EXPECT_EQ(status.errnum, RK_ERR_NOT_RESULT);
+    EXPECT_NE(status.reason.find("errno \"abc\""), std::string::npos) << status.reason;
 
     const std::string huge(1 << 20, 'r');
     status = Get("<results status=\"failed\" reason=\"" + huge + "\" errno=\"15102\"/>", reply);

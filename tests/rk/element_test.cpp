@@ -9,6 +9,7 @@
 
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "rk.h"
@@ -232,6 +233,105 @@ TEST(RkResults, PassedAndFailedResults) {
     EXPECT_EQ(Sprintf(failed.get()),
               "<results status=\"failed\" reason=\"volume &lt;vol0&gt; &amp; more\" "
               "errno=\"13055\"/>\n");
+}
+
+// A parsed tree lives in storage of its own; every operation of the interface works on its
+// elements as on elements made one by one, and elements move between the two freely.
+ElemPtr ParseText(const std::string& text) {
+    char error[256] = "";
+    ElemPtr tree(rk_elem_parse(text.data(), text.size(), error, sizeof error));
+    EXPECT_NE(tree, nullptr) << error;
+    return tree;
+}
+
+TEST(RkParsedTree, DetachedSubtreeOutlivesItsTree) {
+    ElemPtr tree = ParseText("<r><a x='1'><b>t</b></a><c/></r>");
+    rk_elem_t* a = rk_elem_child(tree.get(), "a");
+    ASSERT_EQ(rk_child_remove(tree.get(), a), a);
+    tree.reset();  // the rest of the tree goes; the detached part keeps its storage
+    ElemPtr owned(a);
+    EXPECT_STREQ(rk_elem_get_attr(a, "x"), "1");
+    EXPECT_STREQ(rk_child_get_string(a, "b"), "t");
+    EXPECT_EQ(Sprintf(a), "<a x=\"1\">\n  <b>t</b>\n</a>\n");
+}
+
+TEST(RkParsedTree, ElementsMoveBetweenParsedAndBuiltTrees) {
+    ElemPtr parsed = ParseText("<r><a>1</a><b>2</b></r>");
+    ElemPtr built(rk_elem_new("built"));
+    rk_child_add_string(built.get(), "own", "o");
+    // Parsed into built, and built into parsed.
+    rk_elem_t* a = rk_child_remove(parsed.get(), rk_elem_child(parsed.get(), "a"));
+    ASSERT_EQ(rk_child_add(built.get(), a), a);
+    rk_elem_t* own = rk_child_remove(built.get(), rk_elem_child(built.get(), "own"));
+    ASSERT_EQ(rk_child_add(parsed.get(), own), own);
+    for (int i = 0; i < 20; ++i) {  // the parsed element's child array grows
+        rk_child_add_string(parsed.get(), "n", std::to_string(i).c_str());
+    }
+    EXPECT_EQ(rk_elem_child_count(parsed.get()), 22u);
+    EXPECT_EQ(rk_elem_parent(a), built.get());
+    EXPECT_EQ(Sprintf(built.get()), "<built>\n  <a>1</a>\n</built>\n");
+    parsed.reset();
+    EXPECT_STREQ(rk_elem_get_content(a), "1");
+    // Freeing an attached parsed element detaches it from its built parent.
+    rk_elem_free(a);
+    EXPECT_EQ(rk_elem_child_count(built.get()), 0u);
+}
+
+TEST(RkParsedTree, ParsedElementsChangeLikeAnyOther) {
+    ElemPtr tree = ParseText("<r s='&lt;'><t>x&amp;y</t></r>");
+    rk_elem_t* t = rk_elem_child(tree.get(), "t");
+    EXPECT_NE(rk_elem_set_content(t, "<plain>"), 0);
+    EXPECT_NE(rk_elem_set_attr(tree.get(), "s", "a&b"), 0);
+    EXPECT_NE(rk_elem_set_attr(tree.get(), "added", "v"), 0);
+    EXPECT_NE(rk_elem_set_attr(t, "first", "1"), 0);
+    EXPECT_EQ(Sprintf(tree.get()),
+              "<r s=\"a&amp;b\" added=\"v\">\n  <t first=\"1\">&lt;plain&gt;</t>\n</r>\n");
+    ElemPtr copy(rk_elem_copy(tree.get()));
+    EXPECT_EQ(Sprintf(copy.get()), Sprintf(tree.get()));
+    tree.reset();
+    EXPECT_STREQ(rk_elem_get_attr(copy.get(), "s"), "a&b");
+    // Children removed from the middle of a parsed element keep the order of the rest.
+    ElemPtr list = ParseText("<l><i>0</i><i>1</i><i>2</i><i>3</i></l>");
+    rk_iterator_t it = rk_child_iterator(list.get());
+    rk_iterator_next(&it);
+    rk_elem_t* one = rk_iterator_next(&it);
+    rk_elem_free(one);
+    std::string order;
+    it = rk_child_iterator(list.get());
+    for (rk_elem_t* i = rk_iterator_next(&it); i != nullptr; i = rk_iterator_next(&it)) {
+        order += rk_elem_get_content(i);
+    }
+    EXPECT_EQ(order, "023");
+}
+
+TEST(RkParsedTree, SubtreesOfOneTreeAreFreedOnTwoThreadsAtOnce) {
+    // Two detached parts of one parsed tree share its storage; each thread uses its own.
+    for (int round = 0; round < 50; ++round) {
+        std::string text = "<r>";
+        for (int i = 0; i < 200; ++i) {
+            text += "<a><b>x</b></a>";
+        }
+        text += "</r>";
+        ElemPtr tree = ParseText(text);
+        std::vector<rk_elem_t*> parts;
+        while (rk_elem_child_count(tree.get()) > 0) {
+            rk_elem_t* child = rk_elem_child(tree.get(), "a");
+            parts.push_back(rk_child_remove(tree.get(), child));
+        }
+        tree.reset();
+        std::thread first([&] {
+            for (size_t i = 0; i < parts.size(); i += 2) {
+                rk_elem_free(parts[i]);
+            }
+        });
+        std::thread second([&] {
+            for (size_t i = 1; i < parts.size(); i += 2) {
+                rk_elem_free(parts[i]);
+            }
+        });
+        first.join();
+        second.join();
+    }
 }
 
 TEST(RkStartup, StartupAndShutdown) {

@@ -99,6 +99,19 @@ TEST(ServiceCore, MalformedRequestIsABadRequest) {
     EXPECT_EQ(Reason(reply).substr(0, 43), "the request is not a well-formed XML elemen");
 }
 
+TEST(ServiceCore, RequestOutsideXmlInUtf8IsABadRequest) {
+    ServiceCore core(Options());
+    Reply reply = Send(core, "<account-create><name>ctl\x01x</name></account-create>");
+    EXPECT_EQ(reply.httpStatus, 400);
+    EXPECT_EQ(rk_results_errno(reply.result.get()), kErrBadRequest);
+    EXPECT_EQ(Reason(reply),
+              "the request is not a well-formed XML element: a control character at offset 25");
+    reply = Send(core, std::string("<system-get-corvi-version/>\0", 28));
+    EXPECT_EQ(reply.httpStatus, 400);
+    EXPECT_EQ(Reason(reply),
+              "the request is not a well-formed XML element: a NUL byte at offset 27");
+}
+
 TEST(ServiceCore, ChecksCredentialsFirst) {
     ServiceCore core(Options());
     CallInfo info = GoodCall();

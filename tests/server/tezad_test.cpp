@@ -18,7 +18,6 @@
 #include "test_server.h"
 #include "tezad_process.h"
 
-
 namespace teza_test {
 namespace {
 
@@ -186,6 +185,26 @@ TEST_F(Tezad, XmlWrittenByLibrkPassesXmllint) {
     EXPECT_EQ(RunCommand("xmllint --noout " + echoFile + " 2>&1", &output), 0) << output;
     EXPECT_EQ(RunCommand("xmllint --xpath 'string(//full-name)' " + echoFile, &output), 0);
     EXPECT_EQ(output, "<\"Q\" & 'q'>\n");
+}
+
+TEST_F(Tezad, RequestThatIsNotXmlInUtf8IsABadRequest) {
+    // What a lenient client would send: a control character, then invalid UTF-8.
+    TezadProcess tezad(TEZAD_PATH, _dir, kUser);
+    std::string url = tezad.Url() + "/teza";
+    std::string control =
+        _dir.Write("control.xml", "<account-create><name>ctl\x01x</name></account-create>");
+    EXPECT_EQ(Curl("-w '%{http_code}' -u admin:secret " + std::string(kHeaders) +
+                   "--data-binary @" + control + " " + url),
+              "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+              "<results status=\"failed\" reason=\"the request is not a well-formed XML "
+              "element: a control character at offset 25\" errno=\"15006\"/>\n400");
+    std::string utf8 =
+        _dir.Write("utf8.xml", "<account-create><name>caf\xc3</name></account-create>");
+    EXPECT_EQ(Curl("-w '%{http_code}' -u admin:secret " + std::string(kHeaders) +
+                   "--data-binary @" + utf8 + " " + url),
+              "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+              "<results status=\"failed\" reason=\"the request is not a well-formed XML "
+              "element: invalid UTF-8 at offset 25\" errno=\"15006\"/>\n400");
 }
 
 }  // namespace

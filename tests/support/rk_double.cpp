@@ -283,10 +283,11 @@ rk_elem_t* Failed(const std::string& reason, int errnum) {
 
 rk_elem_t* PassedWith(const std::string& xmlChildren) {
     std::string document = "<results status=\"passed\">" + xmlChildren + "</results>";
-    std::string error;
-    rk_elem_t* result = rk::ParseXml(document.data(), document.size(), &error);
+    rk::ParseError error;
+    rk_elem_t* result = rk::ParseXml(document.data(), document.size(),
+                                     rk::ParseLimits::ForSize(RK_PARSE_MAX_BYTES), &error);
     if (result == nullptr) {
-        fprintf(stderr, "rkdouble::PassedWith: %s\n", error.c_str());
+        fprintf(stderr, "rkdouble::PassedWith: %s\n", error.reason.c_str());
         abort();
     }
     return result;
@@ -634,10 +635,10 @@ rk_elem_t* rk_elem_copy(rk_elem_t* elem) {
 
 rk_elem_t* rk_elem_parse(const char* text, size_t len, char* errbuf, int errbuflen) {
     Record("rk_elem_parse", len);
-    std::string error;
-    rk_elem_t* tree = rk::ParseXml(text, len, &error);
+    rk::ParseError error;
+    rk_elem_t* tree = rk::ParseXml(text, len, rk::ParseLimits::ForSize(RK_PARSE_MAX_BYTES), &error);
     if (tree == nullptr) {
-        rk::CopyToBuffer(error, errbuf, errbuflen);
+        rk::CopyToBuffer(error.reason, errbuf, errbuflen);
     }
     return tree;
 }

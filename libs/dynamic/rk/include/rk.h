@@ -80,13 +80,13 @@ RK_API int rk_is_started(void);
 #define RK_ERR_TRANSPORT 13011       /* transport unknown or not available */
 #define RK_ERR_PORT 13012            /* port outside 0 to 65535 */
 #define RK_ERR_HOST 13013            /* no host, or one that cannot be put in a URL */
-#define RK_ERR_REQUEST 13014         /* no request element, or an invalid API or argument name */
+#define RK_ERR_REQUEST 13014         /* no request, a bad name, or text XML cannot carry */
 #define RK_ERR_NO_MEMORY 13020       /* memory exhausted */
 #define RK_ERR_REFUSED 13055         /* the server refused the connection */
 #define RK_ERR_RESOLVE 13056         /* the host name could not be resolved */
 #define RK_ERR_CONNECT_TIMEOUT 13057 /* no connection within the time-out */
 #define RK_ERR_CONNECT 13058         /* any other failure to connect */
-#define RK_ERR_TIMEOUT 13060         /* connected, but no complete answer within the time-out */
+#define RK_ERR_TIMEOUT 13060         /* no complete, parsed answer within the time-out */
 #define RK_ERR_CLOSED 13062          /* the server closed the connection without an answer */
 #define RK_ERR_RECV 13063            /* receiving failed (connection reset...) */
 #define RK_ERR_SEND 13064            /* sending failed */
@@ -94,10 +94,10 @@ RK_API int rk_is_started(void);
 #define RK_ERR_TLS_UNTRUSTED 13071   /* server certificate not trusted or not for this host */
 #define RK_ERR_TLS_SETUP 13072       /* CA file, client certificate or key unusable */
 #define RK_ERR_HTTP_STATUS 13080     /* HTTP error status without a TEZA result */
-#define RK_ERR_MALFORMED 13081       /* answer is not well-formed XML, or empty */
+#define RK_ERR_MALFORMED 13081       /* answer not well-formed XML 1.0 in UTF-8, or empty */
 #define RK_ERR_TRUNCATED 13082       /* answer shorter than announced: connection lost */
-#define RK_ERR_TOO_LARGE 13083       /* answer over the handle's size limit */
-#define RK_ERR_NOT_RESULT 13084      /* well-formed answer that is not a results element */
+#define RK_ERR_TOO_LARGE 13083       /* answer past the handle's size limit or one derived */
+#define RK_ERR_NOT_RESULT 13084      /* answer not a results element, or errno not an int */
 #define RK_ERR_PROTOCOL 13085        /* the server's HTTP could not be understood */
 #define RK_ERR_NO_SERVER 13090       /* no in-process server of that name is registered */
 #define RK_ERR_NO_ANSWER 13091       /* the in-process server gave no result */
@@ -117,9 +117,9 @@ RK_API int rk_server_set_server_type(rk_server_t* server, int type);
 RK_API int rk_server_set_transport_type(rk_server_t* server, int transport, const void* reserved);
 RK_API int rk_server_set_port(rk_server_t* server, int port);
 RK_API int rk_server_set_admin_user(rk_server_t* server, const char* login, const char* password);
-/* Seconds for connecting and for each whole call; 0 (the default) or less means no limit of
- * the library's own (libcurl's default limit of 300 s on connecting still applies). The
- * in-process transport has no time-out. */
+/* Seconds for connecting and for each whole call, parsing the answer included; 0 (the
+ * default) or less means no limit of the library's own (libcurl's default limit of 300 s on
+ * connecting still applies). The in-process transport has no time-out. */
 RK_API int rk_server_set_timeout(rk_server_t* server, int seconds);
 /* HTTPS: the PEM file of the certificates that the server's certificate must chain to; null
  * or "" uses the system's trusted certificates (the default). */
@@ -130,7 +130,10 @@ RK_API int rk_server_set_ca_file(rk_server_t* server, const char* path);
 RK_API int rk_server_set_client_cert(rk_server_t* server, const char* cert_path,
                                      const char* key_path, const char* key_passphrase);
 /* The largest answer body accepted, in bytes; 0 restores the default, RK_PARSE_MAX_BYTES. A
- * larger answer fails with RK_ERR_TOO_LARGE. */
+ * larger answer fails with RK_ERR_TOO_LARGE. This is the one limit of an answer that the user
+ * sets: the counts of elements and attributes and the memory of its tree follow from it
+ * ("Limits of parsing" below), so that an answer costs at most about 4 times this limit once
+ * it is a tree. */
 RK_API int rk_server_set_max_response_size(rk_server_t* server, size_t bytes);
 
 /* Sends the API named `api` with (name, value) text pairs as its children; a null name ends
@@ -138,7 +141,15 @@ RK_API int rk_server_set_max_response_size(rk_server_t* server, size_t bytes);
  * on a non-null handle (never null then, short of memory exhaustion); the caller frees it.
  * Results of failures made by the library carry an error number of 13000 to 13999 (above).
  * The reason of every result returned here is in wire form, entity references as they stand,
- * whether the server or the library made it. */
+ * whether the server or the library made it.
+ * A request that cannot be written as well-formed XML 1.0 in UTF-8 (a name, text or attribute
+ * value holding invalid UTF-8 or a character outside XML's Char production, such as a control
+ * character other than tab, line feed and carriage return) is refused before anything is
+ * sent, on every transport, with RK_ERR_REQUEST and a reason naming the element.
+ * The errno rule: a failed result from a server whose errno attribute is not a plain decimal
+ * int (an optional "-" and decimal digits, within the range of int) is replaced by a failed
+ * result RK_ERR_NOT_RESULT whose reason quotes the text (escaped); a failed result without
+ * errno reads as 0; a passed result is passed on unchanged and has no error number. */
 RK_API rk_elem_t* rk_server_invoke(rk_server_t* server, const char* api, ...);
 /* Sends `request` (not taken over); its name is the API name. Returns a result element as
  * rk_server_invoke does. */
@@ -176,7 +187,8 @@ RK_API int rk_inprocess_unregister(const char* name);
 RK_API int rk_results_status(rk_elem_t* result);
 /* The failure reason, owned by the element; null when there is none. */
 RK_API const char* rk_results_reason(rk_elem_t* result);
-/* The error number of a failed result; 0 when there is none. */
+/* The error number of a failed result; 0 when there is none: for a result that is not
+ * failed, and for an errno that is not a plain decimal int (see the errno rule above). */
 RK_API int rk_results_errno(rk_elem_t* result);
 
 /* A new result element: "passed", or "failed" with the reason (plain text) and errno. */
@@ -237,14 +249,39 @@ RK_API const char* rk_elem_get_attr(rk_elem_t* elem, const char* name);
 /* A deep copy of the tree below `elem`, which the caller owns. */
 RK_API rk_elem_t* rk_elem_copy(rk_elem_t* elem);
 
-/* Limits applied by rk_elem_parse. */
+/* Limits of parsing (rk_elem_parse and every answer of a server).
+ *
+ * One limit is the user's: the size of a document in bytes, RK_PARSE_MAX_BYTES for
+ * rk_elem_parse and the handle's rk_server_set_max_response_size for answers. Every other
+ * limit follows from it, for a document of at most L bytes:
+ *  - at most max(L / RK_PARSE_BYTES_PER_ELEMENT, 1024) elements;
+ *  - at most max(L / RK_PARSE_BYTES_PER_ATTRIBUTE, 1024) attributes in all;
+ *  - elements nested at most RK_PARSE_MAX_DEPTH deep (whatever L);
+ *  - the tree taking at most max(3 x L, 1 MiB) bytes of memory, so that a document and its
+ *    tree together take at most about 4 x L whatever their shape. An element costs about 64
+ *    bytes, an attribute 24, a text or name its length: a document made of nothing but empty
+ *    elements ("<a/>", 4 bytes each) reaches this limit before the count of elements.
+ * A document over L bytes, or past one of the counts or the tree's memory, is refused with a
+ * reason that names the limit (RK_ERR_TOO_LARGE for an answer); one nested too deep is
+ * malformed (RK_ERR_MALFORMED). A dense real document (records of a few hundred bytes, a few
+ * tens of bytes per element) is far inside every limit. Parsing an answer counts against the
+ * call's time-out: a parse still running when it is over fails with RK_ERR_TIMEOUT.
+ *
+ * Documents are XML 1.0 in UTF-8, checked strictly: invalid UTF-8, a NUL byte or another
+ * character outside XML's Char production (control characters but tab, line feed and carriage
+ * return; U+FFFE, U+FFFF) anywhere in the text, after the root element too, makes a document
+ * malformed, with the byte offset. "&" stands only as an entity or character reference, kept
+ * as it stands; document type declarations are skipped and their entities never expanded. */
 #define RK_PARSE_MAX_DEPTH 256
 #define RK_PARSE_MAX_BYTES (64u * 1024u * 1024u)
+#define RK_PARSE_BYTES_PER_ELEMENT 16
+#define RK_PARSE_BYTES_PER_ATTRIBUTE 16
 
 /* Parses `len` bytes of XML text into a new tree that the caller owns. Entity references in
  * text and attribute values are kept as they stand. On failure returns null and, when errbuf
- * is not null, a NUL-terminated reason (with the byte offset) in errbuf. Input over
- * RK_PARSE_MAX_BYTES or nested deeper than RK_PARSE_MAX_DEPTH is refused. */
+ * is not null, a NUL-terminated reason (with the byte offset where the text is at fault) in
+ * errbuf. The limits above apply, for a document of at most RK_PARSE_MAX_BYTES bytes, without
+ * a time limit. */
 RK_API rk_elem_t* rk_elem_parse(const char* text, size_t len, char* errbuf, int errbuflen);
 
 /* Server handles made and given back since the library was loaded, process-wide: every

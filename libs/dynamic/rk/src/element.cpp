@@ -1,11 +1,22 @@
-// Element trees: creation, lookup, iteration, attributes and result elements.
+// Element trees: creation, lookup, iteration, attributes and result elements, and the arena
+// that parsed and copied trees live in.
+//
+// Elements made one by one through the interface are allocated with new and own their
+// strings; elements of a parsed or copied tree live in an arena and point into it. Either
+// kind may be attached to, detached from and moved between trees of the other kind: freeing
+// an element releases what it owns and, for an arena element, its count in the arena.
 
+#include <errno.h>
+#include <limits.h>
 #include <stdlib.h>
 #include <string.h>
 #include <strings.h>
 
 #include <algorithm>
+#include <new>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "rk_internal.h"
 
@@ -21,6 +32,8 @@ const char kPassed[] = "passed";
 const char kFailed[] = "failed";
 const char kEncryptedAttr[] = "encrypted";
 const char kEncryptedScheme[] = "aes-256-gcm";
+// The most attributes one element can hold (the width of rk_elem::attrCount).
+const uint32_t kMaxAttributesPerElement = (1u << 27) - 1;
 
 bool IsNameStart(unsigned char c) {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_' || c == ':' || c >= 0x80;
@@ -30,9 +43,11 @@ bool IsNameChar(unsigned char c) {
     return IsNameStart(c) || (c >= '0' && c <= '9') || c == '-' || c == '.';
 }
 
+const char kEmpty[] = "";
+
 bool IsAncestorOrSelf(const rk_elem* candidate, const rk_elem* elem) {
     // An element without children is nobody's ancestor: attaching a new leaf costs nothing.
-    if (candidate->children.empty()) {
+    if (candidate->childCount == 0) {
         return candidate == elem;
     }
     for (const rk_elem* e = elem; e != nullptr; e = e->parent) {
@@ -42,6 +57,156 @@ bool IsAncestorOrSelf(const rk_elem* candidate, const rk_elem* elem) {
     }
     return false;
 }
+
+char* Duplicate(const char* text) {
+    size_t len = strlen(text);
+    char* copy = static_cast<char*>(malloc(len + 1));
+    if (copy == nullptr) {
+        throw std::bad_alloc();
+    }
+    memcpy(copy, text, len + 1);
+    return copy;
+}
+
+void InitElement(rk_elem* elem) {
+    elem->name = kEmpty;
+    elem->content = kEmpty;
+    elem->parent = nullptr;
+    elem->children = nullptr;
+    elem->attributes = nullptr;
+    elem->arena = nullptr;
+    elem->childCount = 0;
+    elem->attrCount = 0;
+    elem->ownsName = 0;
+    elem->ownsContent = 0;
+    elem->contentMarkup = 0;
+    elem->ownsChildren = 0;
+    elem->ownsAttributes = 0;
+}
+
+// The capacity of an array of `count` items that the element owns: it grows by doubling,
+// so the capacity follows from the count and needs no field of its own.
+size_t Capacity(size_t count) {
+    size_t capacity = 4;
+    while (capacity < count) {
+        capacity *= 2;
+    }
+    return capacity;
+}
+
+// Makes room for one more item in an array of `count`; the array becomes the element's own.
+template <typename T>
+T* GrowArray(T* array, size_t count, bool owned) {
+    if (owned && count + 1 <= Capacity(count)) {
+        return array;
+    }
+    T* grown = static_cast<T*>(malloc(Capacity(count + 1) * sizeof(T)));
+    if (grown == nullptr) {
+        throw std::bad_alloc();
+    }
+    if (count > 0) {
+        memcpy(grown, array, count * sizeof(T));
+    }
+    if (owned) {
+        free(array);
+    }
+    return grown;
+}
+
+// Frees what the element owns, not the element itself.
+void ReleaseStorage(rk_elem* elem) {
+    if (elem->ownsName) {
+        free(const_cast<char*>(elem->name));
+    }
+    if (elem->ownsContent) {
+        free(const_cast<char*>(elem->content));
+    }
+    if (elem->ownsChildren) {
+        free(elem->children);
+    }
+    for (uint32_t i = 0; i < elem->attrCount; ++i) {
+        RkAttribute& attr = elem->attributes[i];
+        if (attr.ownsName) {
+            free(const_cast<char*>(attr.name));
+        }
+        if (attr.ownsValue) {
+            free(const_cast<char*>(attr.value));
+        }
+    }
+    if (elem->ownsAttributes) {
+        free(elem->attributes);
+    }
+}
+
+void SetContent(rk_elem* elem, const char* text, bool markup) {
+    char* copy = Duplicate(text);
+    if (elem->ownsContent) {
+        free(const_cast<char*>(elem->content));
+    }
+    elem->content = copy;
+    elem->ownsContent = 1;
+    elem->contentMarkup = markup ? 1 : 0;
+}
+
+bool SetAttr(rk_elem* elem, const char* name, const char* value, bool markup) {
+    for (uint32_t i = 0; i < elem->attrCount; ++i) {
+        RkAttribute& attr = elem->attributes[i];
+        if (strcmp(attr.name, name) == 0) {
+            char* copy = Duplicate(value);
+            if (attr.ownsValue) {
+                free(const_cast<char*>(attr.value));
+            }
+            attr.value = copy;
+            attr.ownsValue = true;
+            attr.markup = markup;
+            return true;
+        }
+    }
+    if (elem->attrCount >= kMaxAttributesPerElement) {
+        return false;
+    }
+    char* nameCopy = Duplicate(name);
+    char* valueCopy = nullptr;
+    try {
+        valueCopy = Duplicate(value);
+        elem->attributes = GrowArray(elem->attributes, elem->attrCount, elem->ownsAttributes != 0);
+    } catch (...) {
+        free(nameCopy);
+        free(valueCopy);
+        throw;
+    }
+    elem->ownsAttributes = 1;
+    elem->attributes[elem->attrCount] = RkAttribute{nameCopy, valueCopy, true, true, markup};
+    ++elem->attrCount;
+    return true;
+}
+
+// Hands the elements freed from one arena back to it in one step.
+class ArenaReleaser {
+  public:
+    ArenaReleaser() = default;
+    ~ArenaReleaser() { Flush(); }
+    ArenaReleaser(const ArenaReleaser&) = delete;
+    ArenaReleaser& operator=(const ArenaReleaser&) = delete;
+    void Add(Arena* arena) {
+        if (arena != _arena) {
+            Flush();
+            _arena = arena;
+        }
+        ++_count;
+    }
+
+  private:
+    void Flush() {
+        if (_arena != nullptr) {
+            _arena->Release(_count);
+        }
+        _arena = nullptr;
+        _count = 0;
+    }
+    Arena* _arena = nullptr;
+    size_t _count = 0;
+};
 
 }  // namespace
 
@@ -57,12 +222,82 @@ bool IsValidName(const char* name) {
     return true;
 }
 
+Arena* Arena::Create(size_t firstBlock) {
+    Arena* arena = new Arena;
+    arena->_nextBlock = std::max<size_t>(firstBlock, 256);
+    return arena;
+}
+
+void* Arena::Allocate(size_t bytes) {
+    bytes = (bytes + 7) & ~static_cast<size_t>(7);
+    if (bytes > _left) {
+        // A block holds at least what is asked; blocks double up to 4 MiB, so that a large
+        // tree takes few of them and a small one wastes little.
+        size_t size = std::max(_nextBlock, bytes);
+        void* memory = malloc(sizeof(Block) + 8 + size);
+        if (memory == nullptr) {
+            throw std::bad_alloc();
+        }
+        Block* block = static_cast<Block*>(memory);
+        block->next = _blocks;
+        _blocks = block;
+        _cursor = static_cast<char*>(memory) + ((sizeof(Block) + 7) & ~static_cast<size_t>(7));
+        _left = size;
+        _reserved += sizeof(Block) + 8 + size;
+        _nextBlock = std::min<size_t>(2 * _nextBlock, 4u << 20);
+    }
+    void* p = _cursor;
+    _cursor += bytes;
+    _left -= bytes;
+    return p;
+}
+
+char* Arena::CopyString(const char* text, size_t len) {
+    if (len == 0) {
+        return const_cast<char*>(kEmpty);
+    }
+    char* copy = static_cast<char*>(Allocate(len + 1));
+    memcpy(copy, text, len);
+    copy[len] = '\0';
+    return copy;
+}
+
+rk_elem* Arena::NewElement() {
+    rk_elem* elem = static_cast<rk_elem*>(Allocate(sizeof(rk_elem)));
+    InitElement(elem);
+    elem->arena = this;
+    _live.fetch_add(1, std::memory_order_relaxed);
+    return elem;
+}
+
+void Arena::Release(size_t count) {
+    if (_live.fetch_sub(count, std::memory_order_acq_rel) == count) {
+        Destroy();
+    }
+}
+
+void Arena::Destroy() {
+    for (Block* block = _blocks; block != nullptr;) {
+        Block* next = block->next;
+        free(block);
+        block = next;
+    }
+    delete this;
+}
+
 rk_elem* ElemNew(const char* name) {
     if (!IsValidName(name)) {
         return nullptr;
     }
     rk_elem* elem = new rk_elem;
-    elem->name = name;
+    InitElement(elem);
+    try {
+        elem->name = Duplicate(name);
+    } catch (...) {
+        delete elem;
+        throw;
+    }
+    elem->ownsName = 1;
     return elem;
 }
 
@@ -76,12 +311,18 @@ void ElemFree(rk_elem* elem) {
         ChildRemove(elem->parent, elem);
     }
     // Iterative, so that a tree of any depth is freed without deep recursion.
+    ArenaReleaser releaser;
     std::vector<rk_elem*> pending{elem};
     while (!pending.empty()) {
         rk_elem* e = pending.back();
         pending.pop_back();
-        pending.insert(pending.end(), e->children.begin(), e->children.end());
-        delete e;
+        pending.insert(pending.end(), e->children, e->children + e->childCount);
+        ReleaseStorage(e);
+        if (e->arena != nullptr) {
+            releaser.Add(e->arena);
+        } else {
+            delete e;
+        }
     }
 }
 
@@ -89,42 +330,65 @@ rk_elem* ElemCopy(const rk_elem* elem) {
     if (elem == nullptr) {
         return nullptr;
     }
-    rk_elem* root = new rk_elem;
-    root->name = elem->name;
-    root->content = elem->content;
-    root->attributes = elem->attributes;
-    std::vector<std::pair<const rk_elem*, rk_elem*>> pending{{elem, root}};
-    while (!pending.empty()) {
-        auto [source, target] = pending.back();
-        pending.pop_back();
-        target->children.reserve(source->children.size());
-        for (const rk_elem* child : source->children) {
-            rk_elem* copy = new rk_elem;
-            copy->name = child->name;
-            copy->content = child->content;
-            copy->attributes = child->attributes;
-            copy->parent = target;
-            target->children.push_back(copy);
-            pending.emplace_back(child, copy);
+    // The copy lives in an arena of its own, like a parsed tree.
+    Arena* arena = Arena::Create(1024);
+    auto copyOne = [arena](const rk_elem* source) {
+        rk_elem* target = arena->NewElement();
+        target->name = arena->CopyString(source->name, strlen(source->name));
+        target->content = arena->CopyString(source->content, strlen(source->content));
+        target->contentMarkup = source->contentMarkup;
+        if (source->attrCount > 0) {
+            target->attributes =
+                static_cast<RkAttribute*>(arena->Allocate(source->attrCount * sizeof(RkAttribute)));
+            for (uint32_t i = 0; i < source->attrCount; ++i) {
+                const RkAttribute& attr = source->attributes[i];
+                target->attributes[i] = RkAttribute{
+                    arena->CopyString(attr.name, strlen(attr.name)),
+                    arena->CopyString(attr.value, strlen(attr.value)), false, false, attr.markup};
+            }
+            target->attrCount = source->attrCount;
         }
+        if (source->childCount > 0) {
+            target->children =
+                static_cast<rk_elem**>(arena->Allocate(source->childCount * sizeof(rk_elem*)));
+        }
+        return target;
+    };
+    rk_elem* root = nullptr;
+    try {
+        root = copyOne(elem);
+        std::vector<std::pair<const rk_elem*, rk_elem*>> pending{{elem, root}};
+        while (!pending.empty()) {
+            auto [source, target] = pending.back();
+            pending.pop_back();
+            for (uint32_t i = 0; i < source->childCount; ++i) {
+                rk_elem* copy = copyOne(source->children[i]);
+                copy->parent = target;
+                target->children[target->childCount++] = copy;
+                pending.emplace_back(source->children[i], copy);
+            }
+        }
+    } catch (...) {
+        // Nothing of the copy owns storage of its own yet: the arena holds it all.
+        arena->Destroy();
+        throw;
     }
     return root;
 }
 
 const char* ElemGetName(const rk_elem* elem) {
-    return elem == nullptr ? nullptr : elem->name.c_str();
+    return elem == nullptr ? nullptr : elem->name;
 }
 
 const char* ElemGetContent(const rk_elem* elem) {
-    return elem == nullptr ? nullptr : elem->content.value.c_str();
+    return elem == nullptr ? nullptr : elem->content;
 }
 
 bool ElemSetContent(rk_elem* elem, const char* text) {
     if (elem == nullptr) {
         return false;
     }
-    elem->content.value = text == nullptr ? "" : text;
-    elem->content.markup = false;
+    SetContent(elem, text == nullptr ? "" : text, false);
     return true;
 }
 
@@ -132,16 +396,16 @@ rk_elem* ElemChild(const rk_elem* elem, const char* name) {
     if (elem == nullptr || name == nullptr) {
         return nullptr;
     }
-    for (rk_elem* child : elem->children) {
-        if (child->name == name) {
-            return child;
+    for (uint32_t i = 0; i < elem->childCount; ++i) {
+        if (strcmp(elem->children[i]->name, name) == 0) {
+            return elem->children[i];
         }
     }
     return nullptr;
 }
 
 size_t ElemChildCount(const rk_elem* elem) {
-    return elem == nullptr ? 0 : elem->children.size();
+    return elem == nullptr ? 0 : elem->childCount;
 }
 
 rk_elem* ElemParent(const rk_elem* elem) {
@@ -151,10 +415,12 @@ rk_elem* ElemParent(const rk_elem* elem) {
 rk_elem* ChildAdd(rk_elem* parent, rk_elem* child) {
     // An element has one parent, and a tree may not contain itself.
     if (parent == nullptr || child == nullptr || child->parent != nullptr ||
-        IsAncestorOrSelf(child, parent)) {
+        IsAncestorOrSelf(child, parent) || parent->childCount == UINT32_MAX) {
         return nullptr;
     }
-    parent->children.push_back(child);
+    parent->children = GrowArray(parent->children, parent->childCount, parent->ownsChildren != 0);
+    parent->ownsChildren = 1;
+    parent->children[parent->childCount++] = child;
     child->parent = parent;
     return child;
 }
@@ -163,11 +429,13 @@ rk_elem* ChildRemove(rk_elem* parent, rk_elem* child) {
     if (parent == nullptr || child == nullptr || child->parent != parent) {
         return nullptr;
     }
-    auto it = std::find(parent->children.begin(), parent->children.end(), child);
-    if (it == parent->children.end()) {
+    rk_elem** end = parent->children + parent->childCount;
+    rk_elem** it = std::find(parent->children, end, child);
+    if (it == end) {
         return nullptr;
     }
-    parent->children.erase(it);
+    std::copy(it + 1, end, it);
+    --parent->childCount;
     child->parent = nullptr;
     return child;
 }
@@ -180,8 +448,17 @@ rk_elem* ChildAddString(rk_elem* parent, const char* name, const char* value) {
     if (child == nullptr) {
         return nullptr;
     }
-    child->content.value = value;
-    return ChildAdd(parent, child);
+    try {
+        SetContent(child, value, false);
+        if (ChildAdd(parent, child) == nullptr) {
+            ElemFree(child);
+            return nullptr;
+        }
+    } catch (...) {
+        ElemFree(child);
+        throw;
+    }
+    return child;
 }
 
 rk_elem* ChildAddStringEncrypted(rk_elem* parent, const char* name, const char* value,
@@ -194,9 +471,18 @@ rk_elem* ChildAddStringEncrypted(rk_elem* parent, const char* name, const char* 
         return nullptr;
     }
     rk_elem* child = ElemNew(name);
-    child->content.value = std::move(sealed);
-    ElemSetAttr(child, kEncryptedAttr, kEncryptedScheme);
-    return ChildAdd(parent, child);
+    try {
+        SetContent(child, sealed.c_str(), false);
+        SetAttr(child, kEncryptedAttr, kEncryptedScheme, false);
+        if (ChildAdd(parent, child) == nullptr) {
+            ElemFree(child);
+            return nullptr;
+        }
+    } catch (...) {
+        ElemFree(child);
+        throw;
+    }
+    return child;
 }
 
 rk_elem* ChildAddBool(rk_elem* parent, const char* name, bool value) {
@@ -216,7 +502,7 @@ char* ChildGetStringEncrypted(const rk_elem* elem, const char* name, const char*
         return nullptr;
     }
     std::string plain;
-    if (!DecryptValue(name, child->content.value, key, &plain)) {
+    if (!DecryptValue(name, child->content, key, &plain)) {
         return nullptr;
     }
     return strdup(plain.c_str());
@@ -240,7 +526,7 @@ rk_iterator_t ChildIterator(rk_elem* elem) {
 }
 
 rk_elem* IteratorNext(rk_iterator_t* it) {
-    if (it == nullptr || it->parent == nullptr || it->index >= it->parent->children.size()) {
+    if (it == nullptr || it->parent == nullptr || it->index >= it->parent->childCount) {
         return nullptr;
     }
     return it->parent->children[it->index++];
@@ -250,24 +536,16 @@ bool ElemSetAttr(rk_elem* elem, const char* name, const char* value) {
     if (elem == nullptr || value == nullptr || !IsValidName(name)) {
         return false;
     }
-    for (RkAttribute& attr : elem->attributes) {
-        if (attr.name == name) {
-            attr.text.value = value;
-            attr.text.markup = false;
-            return true;
-        }
-    }
-    elem->attributes.push_back(RkAttribute{name, RkText{value, false}});
-    return true;
+    return SetAttr(elem, name, value, false);
 }
 
 const char* ElemGetAttr(const rk_elem* elem, const char* name) {
     if (elem == nullptr || name == nullptr) {
         return nullptr;
     }
-    for (const RkAttribute& attr : elem->attributes) {
-        if (attr.name == name) {
-            return attr.text.value.c_str();
+    for (uint32_t i = 0; i < elem->attrCount; ++i) {
+        if (strcmp(elem->attributes[i].name, name) == 0) {
+            return elem->attributes[i].value;
         }
     }
     return nullptr;
@@ -282,39 +560,108 @@ const char* ResultsReason(const rk_elem* result) {
     return ElemGetAttr(result, kReasonAttr);
 }
 
+bool ParseErrno(const char* text, int* value) {
+    if (text == nullptr) {
+        return false;
+    }
+    const char* p = text;
+    bool negative = *p == '-';
+    if (negative) {
+        ++p;
+    }
+    if (*p == '\0') {
+        return false;
+    }
+    // Accumulated as a negative number, whose range holds INT_MIN.
+    long long n = 0;
+    for (; *p != '\0'; ++p) {
+        if (*p < '0' || *p > '9') {
+            return false;
+        }
+        n = n * 10 - (*p - '0');
+        if (n < INT_MIN) {
+            return false;
+        }
+    }
+    if (!negative) {
+        if (-n > INT_MAX) {
+            return false;
+        }
+        n = -n;
+    }
+    *value = static_cast<int>(n);
+    return true;
+}
+
 int ResultsErrno(const rk_elem* result) {
-    const char* text = ElemGetAttr(result, kErrnoAttr);
-    return text == nullptr ? 0 : static_cast<int>(strtol(text, nullptr, 10));
+    // Only a failed result has an error number; a text that is not a plain decimal int means
+    // none (results from servers with such a text never get here: AcceptServerResult).
+    const char* status = ElemGetAttr(result, kStatusAttr);
+    if (status == nullptr || strcmp(status, kFailed) != 0) {
+        return 0;
+    }
+    int value = 0;
+    return ParseErrno(ElemGetAttr(result, kErrnoAttr), &value) ? value : 0;
 }
 
 rk_elem* ResultsNewPassed() {
     rk_elem* result = ElemNew(kResultsName);
-    ElemSetAttr(result, kStatusAttr, kPassed);
+    try {
+        SetAttr(result, kStatusAttr, kPassed, false);
+    } catch (...) {
+        ElemFree(result);
+        throw;
+    }
     return result;
 }
 
 rk_elem* ResultsNewFailed(const char* reason, int errnum) {
     rk_elem* result = ElemNew(kResultsName);
-    ElemSetAttr(result, kStatusAttr, kFailed);
-    ElemSetAttr(result, kReasonAttr, reason == nullptr ? "" : reason);
-    ElemSetAttr(result, kErrnoAttr, std::to_string(errnum).c_str());
+    try {
+        SetAttr(result, kStatusAttr, kFailed, false);
+        SetAttr(result, kReasonAttr, reason == nullptr ? "" : reason, false);
+        SetAttr(result, kErrnoAttr, std::to_string(errnum).c_str(), false);
+    } catch (...) {
+        ElemFree(result);
+        throw;
+    }
     return result;
 }
 
 rk_elem* ResultsNewFailedWire(const std::string& reason, int errnum) {
     rk_elem* result = ResultsNewFailed("", errnum);
-    std::string escaped;
-    AppendEscaped(reason, &escaped);
-    for (RkAttribute& attr : result->attributes) {
-        if (attr.name == kReasonAttr) {
-            attr.text = RkText{std::move(escaped), true};
-        }
+    try {
+        std::string escaped;
+        AppendEscaped(reason, &escaped);
+        SetAttr(result, kReasonAttr, escaped.c_str(), true);
+    } catch (...) {
+        ElemFree(result);
+        throw;
     }
     return result;
 }
 
+rk_elem* AcceptServerResult(rk_elem* result, const std::string& server) {
+    const char* status = ElemGetAttr(result, kStatusAttr);
+    const char* errnoText = ElemGetAttr(result, kErrnoAttr);
+    int value = 0;
+    if (status == nullptr || strcmp(status, kFailed) != 0 || errnoText == nullptr ||
+        ParseErrno(errnoText, &value)) {
+        return result;
+    }
+    // The text is quoted as it stands, cut to a length a reason can carry.
+    std::string text(errnoText, strnlen(errnoText, 64));
+    if (text.size() == 64) {
+        text += "...";
+    }
+    ElemFree(result);
+    return ResultsNewFailedWire("the failed result of " + server + " has the errno \"" + text +
+                                    "\", which is not a decimal int",
+                                RK_ERR_NOT_RESULT);
+}
+
 bool IsResults(const rk_elem* elem) {
-    if (elem == nullptr || elem->name != kResultsName) {
+    if (elem == nullptr || strcmp(elem->name, kResultsName) != 0) {
         return false;
     }
     const char* status = ElemGetAttr(elem, kStatusAttr);

@@ -96,15 +96,15 @@ rk_elem_t* rk_elem_copy(rk_elem_t* elem) {
     return Guarded<rk_elem_t*>(nullptr, [&] { return rk::ElemCopy(elem); });
 }
 rk_elem_t* rk_elem_parse(const char* text, size_t len, char* errbuf, int errbuflen) {
-    std::string error;
+    rk::ParseError error;
     rk_elem_t* tree = nullptr;
     try {
-        tree = rk::ParseXml(text, len, &error);
+        tree = rk::ParseXml(text, len, rk::ParseLimits::ForSize(RK_PARSE_MAX_BYTES), &error);
     } catch (...) {
-        error = "out of memory while parsing";
+        error.reason = "out of memory while parsing";
     }
     if (tree == nullptr) {
-        rk::CopyToBuffer(error, errbuf, errbuflen);
+        rk::CopyToBuffer(error.reason, errbuf, errbuflen);
     }
     return tree;
 }

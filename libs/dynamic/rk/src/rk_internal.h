@@ -6,31 +6,85 @@
 #define RK_INTERNAL_H_
 
 #include <stddef.h>
+#include <stdint.h>
 
+#include <atomic>
+#include <chrono>
 #include <string>
 #include <vector>
 
 #include "rk.h"
 
-// A text value. Text that arrived in XML keeps its entity references and is written back out
-// as it stands (`markup` true); text set through the interface is plain and escaped on output.
-struct RkText {
-    std::string value;
-    bool markup = false;
+namespace rk {
+
+// The storage of a parsed or copied tree: elements, their arrays and strings, carved from a
+// few large blocks. It counts the elements allocated from it that are still alive and frees
+// itself with the last of them, so an element detached from its tree, or moved into another,
+// keeps its storage for as long as it lives.
+class Arena {
+  public:
+    // A new arena whose first block holds `firstBlock` bytes. Throws std::bad_alloc.
+    static Arena* Create(size_t firstBlock);
+    // `bytes` bytes aligned for any element or pointer. Throws std::bad_alloc.
+    void* Allocate(size_t bytes);
+    // A NUL-terminated copy of `len` bytes of `text`.
+    char* CopyString(const char* text, size_t len);
+    // A new element with an empty name and text, counted as alive.
+    rk_elem* NewElement();
+    // Bytes taken from the system so far.
+    size_t BytesReserved() const { return _reserved; }
+    // `count` of this arena's elements were freed; frees the arena after its last one.
+    void Release(size_t count);
+    // Frees the arena and all it holds at once (a tree that was never handed out).
+    void Destroy();
+
+  private:
+    struct Block {
+        Block* next;
+    };
+    Arena() = default;
+    ~Arena() = default;
+    std::atomic<size_t> _live{0};
+    Block* _blocks = nullptr;
+    char* _cursor = nullptr;
+    size_t _left = 0;
+    size_t _nextBlock = 0;
+    size_t _reserved = 0;
 };
 
+}  // namespace rk
+
+// An attribute. `value` is in wire form (entity references as they stand) when `markup` is
+// set, plain text otherwise. Strings that the element does not own live in its arena.
 struct RkAttribute {
-    std::string name;
-    RkText text;
+    const char* name;
+    const char* value;
+    bool ownsName;
+    bool ownsValue;
+    bool markup;
 };
 
-// One element of a tree. A parent owns its children; a root is owned by whoever made it.
+// One element of a tree, kept small: a parsed tree pays no heap allocation per element, name
+// or text. Its elements, their child and attribute arrays and their strings come from one
+// arena (rk::Arena) that lives as long as any of its elements, wherever they were moved.
+// Whatever the interface changes afterwards (a text, an attribute, a child added) gets storage
+// of its own, which the element owns (the `owns*` flags) and frees.
+//
+// A parent owns its children; a root is owned by whoever made it.
 struct rk_elem {
-    std::string name;
-    RkText content;
-    std::vector<RkAttribute> attributes;
-    std::vector<rk_elem*> children;
-    rk_elem* parent = nullptr;
+    const char* name;
+    const char* content;  // never null; wire form when contentMarkup is set
+    rk_elem* parent;
+    rk_elem** children;       // childCount of them
+    RkAttribute* attributes;  // attrCount of them
+    rk::Arena* arena;         // where the element itself lives; null: allocated with new
+    uint32_t childCount;
+    uint32_t attrCount : 27;
+    uint32_t ownsName : 1;
+    uint32_t ownsContent : 1;
+    uint32_t contentMarkup : 1;
+    uint32_t ownsChildren : 1;
+    uint32_t ownsAttributes : 1;
 };
 
 namespace rk {
@@ -76,9 +130,19 @@ rk_elem* ResultsNewFailed(const char* reason, int errnum);
 // how every result that a server handle returns carries its reason.
 rk_elem* ResultsNewFailedWire(const std::string& reason, int errnum);
 bool IsResults(const rk_elem* elem);
+// The rule for results that come from a server (any transport): a failed result whose errno
+// attribute is present but is not a plain decimal int (an optional "-", decimal digits, within
+// the range of int) cannot be trusted to mean anything and is replaced by a failed result
+// RK_ERR_NOT_RESULT whose reason quotes it. Takes `result` over; returns what the caller gets.
+rk_elem* AcceptServerResult(rk_elem* result, const std::string& server);
+// Reads a plain decimal int (see AcceptServerResult); false for anything else.
+bool ParseErrno(const char* text, int* value);
 
 // Appends `text` to `out` with the five XML special characters written as entities.
-void AppendEscaped(const std::string& text, std::string* out);
+void AppendEscaped(const char* text, std::string* out);
+inline void AppendEscaped(const std::string& text, std::string* out) {
+    AppendEscaped(text.c_str(), out);
+}
 // Turns every plain text and attribute value of the tree into its wire form (escaped markup),
 // so that the tree reads as if it had been parsed from its XML text.
 void ToWireForm(rk_elem* root);
@@ -87,8 +151,47 @@ void ToWireForm(rk_elem* root);
 void WriteXml(const rk_elem* elem, std::string* out);
 // Returns a malloc'd copy of WriteXml's text, or null for a null element.
 char* ElemSprintf(const rk_elem* elem);
-// Parses a document; on failure returns null and stores the reason in `error`.
-rk_elem* ParseXml(const char* text, size_t len, std::string* error);
+// What a parse may cost. Every cap is derived from the one limit a user sets, the size of a
+// document in bytes (a server handle's rk_server_set_max_response_size, RK_PARSE_MAX_BYTES
+// for rk_elem_parse); see ForSize and rk.h.
+struct ParseLimits {
+    size_t maxBytes = RK_PARSE_MAX_BYTES;
+    size_t maxElements = RK_PARSE_MAX_BYTES / RK_PARSE_BYTES_PER_ELEMENT;
+    size_t maxAttributes = RK_PARSE_MAX_BYTES / RK_PARSE_BYTES_PER_ATTRIBUTE;
+    size_t maxDepth = RK_PARSE_MAX_DEPTH;
+    // The memory the tree may take besides the document, in bytes.
+    size_t maxTreeBytes = 3 * static_cast<size_t>(RK_PARSE_MAX_BYTES);
+    // No deadline when false.
+    bool hasDeadline = false;
+    std::chrono::steady_clock::time_point deadline{};
+
+    static ParseLimits ForSize(size_t maxBytes);
+    // For an answer: ForSize, with the deadline of a call of `timeoutSeconds` (none when 0)
+    // of which `spentSeconds` are gone.
+    static ParseLimits ForCall(size_t maxBytes, int timeoutSeconds, double spentSeconds);
+};
+
+// Why a parse failed: RK_ERR_MALFORMED (not well-formed, with the byte offset),
+// RK_ERR_TOO_LARGE (a limit reached, named in the reason) or RK_ERR_TIMEOUT (the deadline
+// passed).
+struct ParseError {
+    int code = 0;
+    std::string reason;
+};
+
+// Parses a document (XML 1.0 in UTF-8) within `limits`; on failure returns null and says why
+// in `error`.
+rk_elem* ParseXml(const char* text, size_t len, const ParseLimits& limits, ParseError* error);
+
+// Whether `text` can stand in an XML 1.0 document: valid UTF-8 holding only characters of
+// XML's Char production. On failure, `*offset` is the byte offset of the first bad
+// character and `*why` says what is wrong with it.
+bool IsXmlText(const char* text, size_t len, size_t* offset, const char** why);
+
+// Whether a request can be written as well-formed XML 1.0 in UTF-8: every name, text and
+// attribute value valid UTF-8 of XML characters. When not, `reason` names the element at
+// fault and what is wrong.
+bool CheckRequestText(const rk_elem* request, std::string* reason);
 
 // Encrypted values: the content text of an encrypted element and back.
 bool SetDefaultKey(const char* key);

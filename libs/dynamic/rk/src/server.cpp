@@ -89,6 +89,12 @@ rk_elem* Invoke(rk_server* server, const rk_elem* request) {
     if (rk_elem* refused = CheckSettings(s)) {
         return refused;
     }
+    // What cannot be written as well-formed XML 1.0 in UTF-8 is never sent, on any transport:
+    // a strict server would refuse it, a lenient one read something else.
+    std::string unsendable;
+    if (!rk::CheckRequestText(request, &unsendable)) {
+        return rk::ResultsNewFailedWire(unsendable, RK_ERR_REQUEST);
+    }
     if (s.transport == RK_TRANSPORT_IN_PROCESS) {
         return rk::InProcessCall(s, request);
     }

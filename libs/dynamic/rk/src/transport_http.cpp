@@ -77,7 +77,7 @@ class CurlConnection final : public HttpConnection {
   private:
     void Apply(const ServerSettings& s);
     rk_elem* TransferFailure(CURLcode code, const ServerSettings& s);
-    rk_elem* Answer();
+    rk_elem* Answer(const ServerSettings& s);
     static size_t OnBody(char* data, size_t size, size_t count, void* self);
     static size_t OnHeader(char* data, size_t size, size_t count, void* self);
 
@@ -211,7 +211,7 @@ rk_elem* CurlConnection::Call(const ServerSettings& s, const std::string& body) 
         SigpipeBlock block(s.transport == RK_TRANSPORT_HTTPS);
         code = curl_easy_perform(_easy);
     }
-    return code == CURLE_OK ? Answer() : TransferFailure(code, s);
+    return code == CURLE_OK ? Answer(s) : TransferFailure(code, s);
 }
 
 rk_elem* CurlConnection::TransferFailure(CURLcode code, const ServerSettings& s) {
@@ -309,17 +309,31 @@ rk_elem* CurlConnection::TransferFailure(CURLcode code, const ServerSettings& s)
                                 RK_ERR_OTHER);
 }
 
-rk_elem* CurlConnection::Answer() {
+rk_elem* CurlConnection::Answer(const ServerSettings& s) {
     long status = 0;
     curl_easy_getinfo(_easy, CURLINFO_RESPONSE_CODE, &status);
-    std::string parseError;
+    double spent = 0;
+    curl_easy_getinfo(_easy, CURLINFO_TOTAL_TIME, &spent);
+    ParseError parseError;
     std::unique_ptr<rk_elem, void (*)(rk_elem*)> tree(
-        _body.empty() ? nullptr : ParseXml(_body.data(), _body.size(), &parseError), ElemFree);
+        _body.empty()
+            ? nullptr
+            : ParseXml(_body.data(), _body.size(),
+                       ParseLimits::ForCall(_limit, s.timeoutSeconds, spent), &parseError),
+        ElemFree);
+    if (tree == nullptr &&
+        (parseError.code == RK_ERR_TOO_LARGE || parseError.code == RK_ERR_TIMEOUT)) {
+        return ResultsNewFailedWire(
+            "the answer of " + _endpoint +
+                (parseError.code == RK_ERR_TIMEOUT ? " came too late: " : " cannot be held: ") +
+                parseError.reason,
+            parseError.code);
+    }
     const bool ok = status >= 200 && status < 300;
     // A server may answer a refused call (bad credentials...) with an HTTP error status and a
     // failed result: the result says more than the status.
     if (tree != nullptr && IsResults(tree.get()) && (ok || ResultsStatus(tree.get()) != 1)) {
-        return tree.release();
+        return AcceptServerResult(tree.release(), _endpoint);
     }
     if (!ok) {
         std::string line = _statusLine.empty() ? "HTTP status " + std::to_string(status)
@@ -332,7 +346,7 @@ rk_elem* CurlConnection::Answer() {
     }
     if (tree == nullptr) {
         return ResultsNewFailedWire(
-            "the answer of " + _endpoint + " is not well-formed XML: " + parseError,
+            "the answer of " + _endpoint + " is not well-formed XML: " + parseError.reason,
             RK_ERR_MALFORMED);
     }
     return ResultsNewFailedWire(

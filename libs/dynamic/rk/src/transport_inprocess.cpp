@@ -100,7 +100,7 @@ rk_elem* InProcessCall(const ServerSettings& s, const rk_elem* request) {
                                         result->name + "> element, not a TEZA result",
                                     RK_ERR_NOT_RESULT);
     }
-    return result.release();
+    return AcceptServerResult(result.release(), "the in-process server '" + s.host + "'");
 }
 
 }  // namespace rk

@@ -1,13 +1,30 @@
 // XML text into element trees.
 //
-// pugixml does the tokenizing: it is a small, well-kept parser packaged by Debian, it parses
-// without resolving entity references when asked to (so "&lt;" reaches the tree as it stands,
-// which is what callers of this library rely on), it never expands entities declared in a
-// document type (so entity-expansion attacks have nothing to expand), and its parser is not
-// recursive. A hand-written tokenizer would give the same result at the price of owning every
-// well-formedness rule ourselves. The depth, size and single-root checks are ours.
+// A strict tokenizer of our own, in one pass and without recursion, that builds the compact
+// tree of rk_internal.h directly: the elements, their arrays and their strings are carved from
+// one arena, so a tree costs a few tens of bytes per element and no heap allocation per
+// element, name or text, and the whole parse is bounded by the limits it is given (bytes,
+// elements, attributes, depth, the memory of the tree, a deadline). A general-purpose DOM as
+// an intermediate step would cost several times the document on its own (tens of bytes per
+// node before our tree is built), which no bound of a few times the document survives.
+//
+// What it accepts is well-formed XML 1.0 in UTF-8, checked rule by rule:
+//  - the whole text is valid UTF-8 of XML characters (no NUL, no control character but tab,
+//    line feed and carriage return, no surrogate or non-character U+FFFE/U+FFFF), anywhere,
+//    after the root element too;
+//  - one root element, with only comments, processing instructions and white space around it,
+//    an optional byte order mark and XML declaration first, and one document type
+//    declaration before the root (skipped: its entities are never expanded);
+//  - names per XML's Name production (any non-ASCII character counts as a name character),
+//    start and end tags that match, attributes quoted, once per element, without "<";
+//  - "&" only as an entity or character reference ("&name;", "&#60;", "&#x3C;", a character
+//    reference naming an XML character); references are kept as they stand, never expanded;
+//  - no "]]>" in text, no "--" inside a comment.
+// Text of an element is the concatenation of its text pieces, CDATA sections escaped; a piece
+// of only white space is dropped beside child elements and kept when it is all the element
+// holds.
 
-#include <pugixml.hpp>
+#include <string.h>
 
 #include <algorithm>
 #include <string>
@@ -21,147 +38,862 @@ namespace rk {
 
 namespace {
 
-// Entity references stay as they are (no parse_escapes); CDATA is kept as text; a leaf whose
-// only text is white space keeps it. Comments, processing instructions, the declaration and
-// the document type are skipped. Fragment mode keeps text found outside the root element as
-// nodes, where the document mode would drop it silently; we refuse it below.
-const unsigned kParseOptions =
-    pugi::parse_cdata | pugi::parse_ws_pcdata_single | pugi::parse_fragment;
+// Byte classes of ASCII, for names and white space.
+enum : unsigned char {
+    kNameStart = 1,
+    kNameChar = 2,
+    kSpace = 4,
+};
 
-std::string ErrorAt(const char* what, ptrdiff_t offset) {
-    return std::string(what) + " at offset " + std::to_string(offset);
-}
-
-// Escapes the characters that cannot stand in markup, for CDATA text joining parsed text.
-std::string EscapeForMarkup(const char* text) {
-    std::string out;
-    for (const char* p = text; *p != '\0'; ++p) {
-        switch (*p) {
-            case '&':
-                out.append("&amp;");
-                break;
-            case '<':
-                out.append("&lt;");
-                break;
-            case '>':
-                out.append("&gt;");
-                break;
-            default:
-                out.push_back(*p);
+struct ByteTable {
+    unsigned char cls[256] = {};
+    constexpr ByteTable() {
+        for (int c = 0; c < 256; ++c) {
+            bool start = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_' || c == ':' ||
+                         c >= 0x80;
+            bool name = start || (c >= '0' && c <= '9') || c == '-' || c == '.';
+            cls[c] = static_cast<unsigned char>(
+                (start ? kNameStart : 0) | (name ? kNameChar : 0) |
+                (c == ' ' || c == '\t' || c == '\n' || c == '\r' ? kSpace : 0));
         }
     }
-    return out;
+};
+constexpr ByteTable kBytes;
+
+inline bool Is(char c, unsigned char cls) {
+    return (kBytes.cls[static_cast<unsigned char>(c)] & cls) != 0;
 }
 
-// The name of an attribute that stands twice on `node`, or null. XML allows each name once per
-// element, but pugixml does not check it; a result with two `status` attributes would
-// otherwise read as whichever came first.
-const char* RepeatedAttribute(const pugi::xml_node& node) {
-    std::vector<std::string_view> names;
-    for (pugi::xml_attribute attr : node.attributes()) {
-        names.push_back(attr.name());
+bool IsXmlChar(uint32_t c) {
+    return c == 0x9 || c == 0xA || c == 0xD || (c >= 0x20 && c <= 0xD7FF) ||
+           (c >= 0xE000 && c <= 0xFFFD) || (c >= 0x10000 && c <= 0x10FFFF);
+}
+
+// Checks the bytes from `p` to `end`, stopping at the first bad one (returned) or at `end`.
+// `why` says what is wrong.
+const unsigned char* FirstBadChar(const unsigned char* p, const unsigned char* end,
+                                  const char** why) {
+    while (p < end) {
+        // Printable ASCII, the bulk of any document, in a tight loop.
+        while (p < end && *p >= 0x20 && *p < 0x80) {
+            ++p;
+        }
+        if (p == end) {
+            break;
+        }
+        unsigned char c = *p;
+        if (c < 0x80) {
+            if (c == '\t' || c == '\n' || c == '\r') {
+                ++p;
+                continue;
+            }
+            *why = c == 0 ? "a NUL byte" : "a control character";
+            return p;
+        }
+        // The well-formed UTF-8 sequences (Unicode's table 3-7), without surrogates.
+        size_t n = 0;
+        unsigned char low = 0x80;
+        unsigned char high = 0xBF;
+        if (c >= 0xC2 && c <= 0xDF) {
+            n = 1;
+        } else if (c >= 0xE0 && c <= 0xEF) {
+            n = 2;
+            low = c == 0xE0 ? 0xA0 : 0x80;
+            high = c == 0xED ? 0x9F : 0xBF;
+        } else if (c >= 0xF0 && c <= 0xF4) {
+            n = 3;
+            low = c == 0xF0 ? 0x90 : 0x80;
+            high = c == 0xF4 ? 0x8F : 0xBF;
+        } else {
+            *why = "invalid UTF-8";
+            return p;
+        }
+        if (static_cast<size_t>(end - p) <= n || p[1] < low || p[1] > high) {
+            *why = "invalid UTF-8";
+            return p;
+        }
+        for (size_t i = 2; i <= n; ++i) {
+            if (p[i] < 0x80 || p[i] > 0xBF) {
+                *why = "invalid UTF-8";
+                return p;
+            }
+        }
+        if (c == 0xEF && p[1] == 0xBF && (p[2] == 0xBE || p[2] == 0xBF)) {
+            *why = "a character that is not an XML character";
+            return p;
+        }
+        p += n + 1;
     }
-    if (names.size() < 2) {
+    return end;
+}
+
+// One attribute of the start tag being read, in the document.
+struct RawAttribute {
+    const char* name;
+    size_t nameLen;
+    const char* value;
+    size_t valueLen;
+};
+
+// An element whose end tag has not been read yet.
+struct OpenElement {
+    rk_elem* elem;
+    const char* name;
+    size_t nameLen;
+    size_t firstChild;  // its children so far are children[firstChild..] of the parser
+    // Its text: one piece in the document, or several joined (or a CDATA section escaped).
+    const char* piece = nullptr;
+    size_t pieceLen = 0;
+    bool joined = false;
+    std::string text;
+    bool holdsNodes = false;  // a child element, or text that is kept
+};
+
+class Parser {
+  public:
+    Parser(const char* text, size_t len, const ParseLimits& limits, ParseError* error)
+        : _begin(text), _p(text), _end(text + len), _limits(limits), _error(error) {}
+
+    rk_elem* Parse();
+
+  private:
+    bool Fail(const std::string& what, const char* at) {
+        _error->code = RK_ERR_MALFORMED;
+        _error->reason = what + " at offset " + std::to_string(at - _begin);
+        return false;
+    }
+    bool TooLarge(const std::string& what) {
+        _error->code = RK_ERR_TOO_LARGE;
+        _error->reason = what;
+        return false;
+    }
+    bool Late() {
+        _error->code = RK_ERR_TIMEOUT;
+        _error->reason =
+            "parsing the document took longer than the time left for the call (at "
+            "offset " +
+            std::to_string(_p - _begin) + ")";
+        return false;
+    }
+    bool PastDeadline() {
+        return _limits.hasDeadline && std::chrono::steady_clock::now() > _limits.deadline;
+    }
+    bool StartsWith(const char* literal, size_t len) const {
+        return static_cast<size_t>(_end - _p) >= len && memcmp(_p, literal, len) == 0;
+    }
+    void SkipSpace() {
+        while (_p < _end && Is(*_p, kSpace)) {
+            ++_p;
+        }
+    }
+    // Reads a Name at _p; false (and nothing read) when there is none.
+    bool ReadName(const char** name, size_t* len) {
+        if (_p == _end || !Is(*_p, kNameStart)) {
+            return false;
+        }
+        const char* start = _p++;
+        while (_p < _end && Is(*_p, kNameChar)) {
+            ++_p;
+        }
+        *name = start;
+        *len = static_cast<size_t>(_p - start);
+        return true;
+    }
+
+    bool CheckChars();
+    bool ReadDocument();
+    bool ReadReference();
+    bool ReadComment();
+    bool ReadProcessingInstruction(bool atStart);
+    bool ReadDocumentType();
+    bool ReadMisc(bool* read);
+    bool ReadStartTag();
+    bool ReadEndTag();
+    bool ReadText();
+    bool ReadCdata();
+    bool AddPiece(OpenElement& open, const char* piece, size_t len);
+    bool Close(rk_elem* elem);
+    bool CheckBudget();
+
+    const char* const _begin;
+    const char* _p;
+    const char* const _end;
+    const ParseLimits& _limits;
+    ParseError* const _error;
+    Arena* _arena = nullptr;
+    rk_elem* _root = nullptr;
+    size_t _elements = 0;
+    size_t _attributes = 0;
+    unsigned _ticks = 0;
+    std::vector<OpenElement> _open;
+    std::vector<rk_elem*> _children;
+    std::vector<RawAttribute> _attrs;
+    std::vector<size_t> _order;
+};
+
+bool Parser::CheckChars() {
+    // In slices, so that a large document notices the deadline.
+    const size_t kSlice = 1u << 20;
+    const auto* p = reinterpret_cast<const unsigned char*>(_begin);
+    const auto* end = reinterpret_cast<const unsigned char*>(_end);
+    while (p < end) {
+        // A slice ends on a character boundary: it is cut after a byte below 0x80 (or at the end).
+        const unsigned char* sliceEnd = end - p > static_cast<ptrdiff_t>(kSlice) ? p + kSlice : end;
+        while (sliceEnd < end && *(sliceEnd - 1) >= 0x80) {
+            ++sliceEnd;
+        }
+        const char* why = nullptr;
+        const unsigned char* bad = FirstBadChar(p, sliceEnd, &why);
+        if (bad != sliceEnd) {
+            return Fail(why, reinterpret_cast<const char*>(bad));
+        }
+        p = sliceEnd;
+        if (PastDeadline()) {
+            _p = reinterpret_cast<const char*>(p);
+            return Late();
+        }
+    }
+    return true;
+}
+
+// At "&": an entity reference or a character reference, kept as it stands.
+bool Parser::ReadReference() {
+    const char* at = _p++;
+    if (_p < _end && *_p == '#') {
+        ++_p;
+        bool hex = _p < _end && *_p == 'x';
+        if (hex) {
+            ++_p;
+        }
+        uint32_t value = 0;
+        const char* digits = _p;
+        while (_p < _end) {
+            char c = *_p;
+            int d = c >= '0' && c <= '9'          ? c - '0'
+                    : hex && c >= 'a' && c <= 'f' ? c - 'a' + 10
+                    : hex && c >= 'A' && c <= 'F' ? c - 'A' + 10
+                                                  : -1;
+            if (d < 0) {
+                break;
+            }
+            value =
+                std::min<uint32_t>(value * (hex ? 16 : 10) + static_cast<uint32_t>(d), 0x110000);
+            ++_p;
+        }
+        if (_p == digits || _p == _end || *_p != ';') {
+            return Fail("malformed character reference", at);
+        }
+        if (!IsXmlChar(value)) {
+            return Fail("character reference to a character that is not an XML character", at);
+        }
+        ++_p;
+        return true;
+    }
+    const char* name;
+    size_t len;
+    if (!ReadName(&name, &len) || _p == _end || *_p != ';') {
+        return Fail("\"&\" that does not start an entity reference", at);
+    }
+    ++_p;
+    return true;
+}
+
+// At "<!--".
+bool Parser::ReadComment() {
+    const char* at = _p;
+    _p += 4;
+    for (;;) {
+        const char* dash =
+            static_cast<const char*>(memchr(_p, '-', static_cast<size_t>(_end - _p)));
+        if (dash == nullptr || _end - dash < 3) {
+            return Fail("unterminated comment", at);
+        }
+        if (dash[1] == '-') {
+            if (dash[2] != '>') {
+                return Fail("\"--\" inside a comment", dash);
+            }
+            _p = dash + 3;
+            return true;
+        }
+        _p = dash + 1;
+    }
+}
+
+// At "<?".
+bool Parser::ReadProcessingInstruction(bool atStart) {
+    const char* at = _p;
+    _p += 2;
+    const char* target;
+    size_t len;
+    if (!ReadName(&target, &len)) {
+        return Fail("processing instruction without a target", at);
+    }
+    if (len == 3 && (target[0] | 0x20) == 'x' && (target[1] | 0x20) == 'm' &&
+        (target[2] | 0x20) == 'l' && !atStart) {
+        return Fail("XML declaration not at the start of the document", at);
+    }
+    if (_p < _end && !Is(*_p, kSpace) && !StartsWith("?>", 2)) {
+        return Fail("malformed processing instruction", at);
+    }
+    for (;;) {
+        const char* q = static_cast<const char*>(memchr(_p, '?', static_cast<size_t>(_end - _p)));
+        if (q == nullptr || q + 1 == _end) {
+            return Fail("unterminated processing instruction", at);
+        }
+        _p = q + 1;
+        if (*_p == '>') {
+            ++_p;
+            return true;
+        }
+    }
+}
+
+// At "<!DOCTYPE". Skipped whole, internal subset included; nothing in it is used.
+bool Parser::ReadDocumentType() {
+    const char* at = _p;
+    _p += 9;
+    if (_p == _end || !Is(*_p, kSpace)) {
+        return Fail("malformed document type declaration", at);
+    }
+    bool subset = false;
+    while (_p < _end) {
+        char c = *_p;
+        if (c == '"' || c == '\'') {
+            const char* close =
+                static_cast<const char*>(memchr(_p + 1, c, static_cast<size_t>(_end - _p - 1)));
+            if (close == nullptr) {
+                break;
+            }
+            _p = close + 1;
+        } else if (subset && StartsWith("<!--", 4)) {
+            if (!ReadComment()) {
+                return false;
+            }
+        } else if (subset && StartsWith("<?", 2)) {
+            if (!ReadProcessingInstruction(false)) {
+                return false;
+            }
+        } else if (c == '[' && !subset) {
+            subset = true;
+            ++_p;
+        } else if (c == ']' && subset) {
+            subset = false;
+            ++_p;
+        } else if (c == '>' && !subset) {
+            ++_p;
+            return true;
+        } else {
+            ++_p;
+        }
+    }
+    return Fail("unterminated document type declaration", at);
+}
+
+// Comments, processing instructions and white space outside the root element; `read` is
+// false when _p holds none of them.
+bool Parser::ReadMisc(bool* read) {
+    *read = true;
+    if (_p < _end && Is(*_p, kSpace)) {
+        SkipSpace();
+        return true;
+    }
+    if (StartsWith("<!--", 4)) {
+        return ReadComment();
+    }
+    if (StartsWith("<?", 2)) {
+        return ReadProcessingInstruction(false);
+    }
+    *read = false;
+    return true;
+}
+
+bool Parser::CheckBudget() {
+    if ((++_ticks & 0x3ff) == 0 && PastDeadline()) {
+        return Late();
+    }
+    if (_arena->BytesReserved() + _children.capacity() * sizeof(rk_elem*) +
+            _attrs.capacity() * sizeof(RawAttribute) >
+        _limits.maxTreeBytes) {
+        return TooLarge(
+            "the document's tree would take more than " + std::to_string(_limits.maxTreeBytes) +
+            " bytes, the limit for a document of " + std::to_string(_limits.maxBytes) + " bytes");
+    }
+    return true;
+}
+
+// At "<" of a start tag.
+bool Parser::ReadStartTag() {
+    const char* at = _p++;
+    const char* name;
+    size_t nameLen;
+    if (!ReadName(&name, &nameLen)) {
+        return Fail("malformed start tag", at);
+    }
+    if (++_elements > _limits.maxElements) {
+        return TooLarge("the document has more than " + std::to_string(_limits.maxElements) +
+                        " elements, the limit for a document of " +
+                        std::to_string(_limits.maxBytes) + " bytes");
+    }
+    if (_open.size() + 1 > _limits.maxDepth) {
+        return Fail("elements nested deeper than " + std::to_string(_limits.maxDepth), at);
+    }
+    if (!CheckBudget()) {
+        return false;
+    }
+    _attrs.clear();
+    bool empty = false;
+    for (;;) {
+        const char* before = _p;
+        SkipSpace();
+        if (_p == _end) {
+            return Fail("unterminated start tag", at);
+        }
+        if (*_p == '>') {
+            ++_p;
+            break;
+        }
+        if (*_p == '/') {
+            if (_p + 1 == _end || _p[1] != '>') {
+                return Fail("malformed start tag", _p);
+            }
+            _p += 2;
+            empty = true;
+            break;
+        }
+        RawAttribute attr;
+        if (_p == before || !ReadName(&attr.name, &attr.nameLen)) {
+            return Fail("malformed attribute", _p);
+        }
+        if (++_attributes > _limits.maxAttributes) {
+            return TooLarge("the document has more than " + std::to_string(_limits.maxAttributes) +
+                            " attributes, the limit for a document of " +
+                            std::to_string(_limits.maxBytes) + " bytes");
+        }
+        SkipSpace();
+        if (_p == _end || *_p != '=') {
+            return Fail("attribute without a value", _p);
+        }
+        ++_p;
+        SkipSpace();
+        if (_p == _end || (*_p != '"' && *_p != '\'')) {
+            return Fail("attribute value without quotes", _p);
+        }
+        const char quote = *_p++;
+        attr.value = _p;
+        for (;;) {
+            if (_p == _end) {
+                return Fail("unterminated attribute value", attr.value - 1);
+            }
+            char c = *_p;
+            if (c == quote) {
+                break;
+            }
+            if (c == '<') {
+                return Fail("\"<\" in an attribute value", _p);
+            }
+            if (c == '&') {
+                if (!ReadReference()) {
+                    return false;
+                }
+            } else {
+                ++_p;
+            }
+        }
+        attr.valueLen = static_cast<size_t>(_p - attr.value);
+        ++_p;
+        // The first few are compared as they come, so that a start tag repeating one name
+        // is refused at once; longer lists are sorted below.
+        if (_attrs.size() < 8) {
+            for (const RawAttribute& other : _attrs) {
+                if (other.nameLen == attr.nameLen &&
+                    memcmp(other.name, attr.name, attr.nameLen) == 0) {
+                    return Fail("attribute '" + std::string(attr.name, attr.nameLen) + "' repeated",
+                                at);
+                }
+            }
+        }
+        _attrs.push_back(attr);
+        if ((_attrs.size() & 0xffff) == 0 && !CheckBudget()) {
+            return false;
+        }
+    }
+
+    // Each name once per element: a result with two `status` attributes would otherwise read
+    // as whichever came first.
+    const size_t n = _attrs.size();
+    auto view = [this](size_t i) { return std::string_view(_attrs[i].name, _attrs[i].nameLen); };
+    if (n > 8) {
+        _order.resize(n);
+        for (size_t i = 0; i < n; ++i) {
+            _order[i] = i;
+        }
+        std::sort(_order.begin(), _order.end(), [&](size_t a, size_t b) {
+            return view(a) < view(b) || (view(a) == view(b) && a < b);
+        });
+        for (size_t i = 1; i < n; ++i) {
+            if (view(_order[i]) == view(_order[i - 1])) {
+                return Fail("attribute '" + std::string(view(_order[i])) + "' repeated", at);
+            }
+        }
+    }
+
+    rk_elem* elem = _arena->NewElement();
+    elem->name = _arena->CopyString(name, nameLen);
+    if (n > 0) {
+        elem->attributes = static_cast<RkAttribute*>(_arena->Allocate(n * sizeof(RkAttribute)));
+        for (size_t i = 0; i < n; ++i) {
+            const RawAttribute& a = _attrs[i];
+            elem->attributes[i] =
+                RkAttribute{_arena->CopyString(a.name, a.nameLen),
+                            _arena->CopyString(a.value, a.valueLen), false, false, true};
+        }
+        elem->attrCount = static_cast<uint32_t>(n);
+    }
+    elem->contentMarkup = 1;
+    if (!_open.empty()) {
+        _open.back().holdsNodes = true;
+    }
+    if (empty) {
+        return Close(elem);
+    }
+    OpenElement open;
+    open.elem = elem;
+    open.name = name;
+    open.nameLen = nameLen;
+    open.firstChild = _children.size();
+    _open.push_back(std::move(open));
+    return true;
+}
+
+// Attaches a finished element to its parent, or makes it the root.
+bool Parser::Close(rk_elem* elem) {
+    if (_open.empty()) {
+        _root = elem;
+        return true;
+    }
+    _children.push_back(elem);
+    return true;
+}
+
+// At "</".
+bool Parser::ReadEndTag() {
+    const char* at = _p;
+    _p += 2;
+    const char* name;
+    size_t nameLen;
+    if (!ReadName(&name, &nameLen)) {
+        return Fail("malformed end tag", at);
+    }
+    SkipSpace();
+    if (_p == _end || *_p != '>') {
+        return Fail("malformed end tag", at);
+    }
+    ++_p;
+    OpenElement& open = _open.back();
+    if (nameLen != open.nameLen || memcmp(name, open.name, nameLen) != 0) {
+        return Fail("end tag </" + std::string(name, nameLen) + "> does not match <" +
+                        std::string(open.name, open.nameLen) + ">",
+                    at);
+    }
+    rk_elem* elem = open.elem;
+    if (open.joined) {
+        elem->content = _arena->CopyString(open.text.data(), open.text.size());
+    } else if (open.piece != nullptr) {
+        elem->content = _arena->CopyString(open.piece, open.pieceLen);
+    }
+    const size_t count = _children.size() - open.firstChild;
+    if (count > UINT32_MAX) {
+        return TooLarge("an element has more than " + std::to_string(UINT32_MAX) + " children");
+    }
+    if (count > 0) {
+        elem->children = static_cast<rk_elem**>(_arena->Allocate(count * sizeof(rk_elem*)));
+        for (size_t i = 0; i < count; ++i) {
+            rk_elem* child = _children[open.firstChild + i];
+            child->parent = elem;
+            elem->children[i] = child;
+        }
+        elem->childCount = static_cast<uint32_t>(count);
+        _children.resize(open.firstChild);
+    }
+    _open.pop_back();
+    return Close(elem);
+}
+
+bool Parser::AddPiece(OpenElement& open, const char* piece, size_t len) {
+    if (!open.joined && open.piece == nullptr) {
+        open.piece = piece;
+        open.pieceLen = len;
+    } else {
+        if (!open.joined) {
+            open.text.assign(open.piece, open.pieceLen);
+            open.joined = true;
+        }
+        // No piece holds "]]>", but two may make one where they meet ("]]" before a comment,
+        // ">" after it), which the text could not be written back as: that ">" is escaped.
+        std::string& text = open.text;
+        if (len >= 1 && piece[0] == '>' && text.size() >= 2 && text[text.size() - 1] == ']' &&
+            text[text.size() - 2] == ']') {
+            text.append("&gt;");
+            ++piece;
+            --len;
+        } else if (len >= 2 && piece[0] == ']' && piece[1] == '>' && !text.empty() &&
+                   text.back() == ']') {
+            text.append("]&gt;");
+            piece += 2;
+            len -= 2;
+        }
+        text.append(piece, len);
+    }
+    open.holdsNodes = true;
+    return true;
+}
+
+// At a character of text inside an element.
+bool Parser::ReadText() {
+    const char* start = _p;
+    bool space = true;
+    while (_p < _end && *_p != '<') {
+        char c = *_p;
+        if (c == '&') {
+            if (!ReadReference()) {
+                return false;
+            }
+            space = false;
+            continue;
+        }
+        if (c == '>' && _p - start >= 2 && _p[-1] == ']' && _p[-2] == ']') {
+            return Fail("\"]]>\" in text", _p - 2);
+        }
+        if (!Is(c, kSpace)) {
+            space = false;
+        }
+        ++_p;
+    }
+    if (_p == _end) {
+        return Fail(
+            "unterminated element <" + std::string(_open.back().name, _open.back().nameLen) + ">",
+            start);
+    }
+    OpenElement& open = _open.back();
+    // White space alone is kept only when it is all the element holds.
+    if (space && (open.holdsNodes || !StartsWith("</", 2))) {
+        return true;
+    }
+    return AddPiece(open, start, static_cast<size_t>(_p - start));
+}
+
+// At "<![CDATA[": its text joins the element's, escaped as markup.
+bool Parser::ReadCdata() {
+    const char* at = _p;
+    _p += 9;
+    const char* start = _p;
+    for (;;) {
+        const char* close =
+            static_cast<const char*>(memchr(_p, ']', static_cast<size_t>(_end - _p)));
+        if (close == nullptr || _end - close < 3) {
+            return Fail("unterminated CDATA section", at);
+        }
+        if (close[1] == ']' && close[2] == '>') {
+            _p = close;
+            break;
+        }
+        _p = close + 1;
+    }
+    OpenElement& open = _open.back();
+    if (!open.joined) {
+        if (open.piece != nullptr) {
+            open.text.assign(open.piece, open.pieceLen);
+        }
+        open.joined = true;
+    }
+    for (const char* q = start; q < _p; ++q) {
+        switch (*q) {
+            case '&':
+                open.text.append("&amp;");
+                break;
+            case '<':
+                open.text.append("&lt;");
+                break;
+            case '>':
+                open.text.append("&gt;");
+                break;
+            default:
+                open.text.push_back(*q);
+        }
+    }
+    if (open.text.size() > _limits.maxTreeBytes) {
+        return TooLarge("the document's text would take more than " +
+                        std::to_string(_limits.maxTreeBytes) + " bytes");
+    }
+    open.holdsNodes = true;
+    _p += 3;
+    return true;
+}
+
+rk_elem* Parser::Parse() {
+    if (!CheckChars()) {
         return nullptr;
     }
-    std::sort(names.begin(), names.end());
-    auto twice = std::adjacent_find(names.begin(), names.end());
-    return twice == names.end() ? nullptr : twice->data();
+    _arena =
+        Arena::Create(std::min<size_t>(static_cast<size_t>(_end - _begin) * 2 + 256, 64u << 10));
+    bool ok = false;
+    try {
+        ok = ReadDocument();
+    } catch (...) {
+        _arena->Destroy();
+        throw;
+    }
+    if (!ok) {
+        // Nothing of the tree has storage of its own: the arena holds it all.
+        _arena->Destroy();
+        return nullptr;
+    }
+    return _root;
+}
+
+bool Parser::ReadDocument() {
+    if (StartsWith("\xEF\xBB\xBF", 3)) {
+        _p += 3;
+    }
+    if (StartsWith("<?xml", 5) && _p + 5 < _end && Is(_p[5], kSpace)) {
+        if (!ReadProcessingInstruction(true)) {
+            return false;
+        }
+    }
+    // Before the root element.
+    bool doctype = false;
+    for (;;) {
+        bool read = false;
+        if (!ReadMisc(&read)) {
+            return false;
+        }
+        if (read) {
+            continue;
+        }
+        if (_p == _end) {
+            _error->code = RK_ERR_MALFORMED;
+            _error->reason = "no root element";
+            return false;
+        }
+        if (StartsWith("<!DOCTYPE", 9)) {
+            if (doctype) {
+                return Fail("second document type declaration", _p);
+            }
+            doctype = true;
+            if (!ReadDocumentType()) {
+                return false;
+            }
+            continue;
+        }
+        if (*_p != '<') {
+            return Fail("text outside the root element", _p);
+        }
+        break;
+    }
+    // The root element and everything in it.
+    if (!ReadStartTag()) {
+        return false;
+    }
+    while (!_open.empty()) {
+        if (_p == _end) {
+            return Fail("unterminated element <" +
+                            std::string(_open.back().name, _open.back().nameLen) + ">",
+                        _p);
+        }
+        if (*_p != '<') {
+            if (!ReadText()) {
+                return false;
+            }
+        } else if (StartsWith("</", 2)) {
+            if (!ReadEndTag()) {
+                return false;
+            }
+        } else if (StartsWith("<!--", 4)) {
+            if (!ReadComment()) {
+                return false;
+            }
+        } else if (StartsWith("<?", 2)) {
+            if (!ReadProcessingInstruction(false)) {
+                return false;
+            }
+        } else if (StartsWith("<![CDATA[", 9)) {
+            if (!ReadCdata()) {
+                return false;
+            }
+        } else if (StartsWith("<!", 2)) {
+            return Fail("markup declaration inside an element", _p);
+        } else if (!ReadStartTag()) {
+            return false;
+        }
+    }
+    // After it.
+    for (;;) {
+        bool read = false;
+        if (!ReadMisc(&read)) {
+            return false;
+        }
+        if (read) {
+            continue;
+        }
+        if (_p == _end) {
+            return true;
+        }
+        if (*_p == '<' && _p + 1 < _end && Is(_p[1], kNameStart)) {
+            return Fail("more than one root element", _p);
+        }
+        return Fail("text outside the root element", _p);
+    }
 }
 
 }  // namespace
 
-rk_elem* ParseXml(const char* text, size_t len, std::string* error) {
+ParseLimits ParseLimits::ForSize(size_t maxBytes) {
+    ParseLimits limits;
+    limits.maxBytes = maxBytes;
+    limits.maxElements = std::max<size_t>(maxBytes / RK_PARSE_BYTES_PER_ELEMENT, 1024);
+    limits.maxAttributes = std::max<size_t>(maxBytes / RK_PARSE_BYTES_PER_ATTRIBUTE, 1024);
+    limits.maxDepth = RK_PARSE_MAX_DEPTH;
+    limits.maxTreeBytes =
+        maxBytes > SIZE_MAX / 3 ? SIZE_MAX : std::max<size_t>(3 * maxBytes, 1u << 20);
+    return limits;
+}
+
+ParseLimits ParseLimits::ForCall(size_t maxBytes, int timeoutSeconds, double spentSeconds) {
+    ParseLimits limits = ForSize(maxBytes);
+    if (timeoutSeconds > 0) {
+        double left = std::max(0.0, timeoutSeconds - spentSeconds);
+        limits.hasDeadline = true;
+        limits.deadline = std::chrono::steady_clock::now() +
+                          std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+                              std::chrono::duration<double>(left));
+    }
+    return limits;
+}
+
+bool IsXmlText(const char* text, size_t len, size_t* offset, const char** why) {
+    const auto* begin = reinterpret_cast<const unsigned char*>(text);
+    const unsigned char* bad = FirstBadChar(begin, begin + len, why);
+    if (bad == begin + len) {
+        return true;
+    }
+    *offset = static_cast<size_t>(bad - begin);
+    return false;
+}
+
+rk_elem* ParseXml(const char* text, size_t len, const ParseLimits& limits, ParseError* error) {
     if (text == nullptr) {
-        *error = "no text to parse";
+        error->code = RK_ERR_MALFORMED;
+        error->reason = "no text to parse";
         return nullptr;
     }
-    if (len > RK_PARSE_MAX_BYTES) {
-        *error = "document of " + std::to_string(len) + " bytes is over the limit of " +
-                 std::to_string(RK_PARSE_MAX_BYTES) + " bytes";
+    if (len > limits.maxBytes) {
+        error->code = RK_ERR_TOO_LARGE;
+        error->reason = "document of " + std::to_string(len) + " bytes is over the limit of " +
+                        std::to_string(limits.maxBytes) + " bytes";
         return nullptr;
     }
-    pugi::xml_document doc;
-    pugi::xml_parse_result parsed = doc.load_buffer(text, len, kParseOptions, pugi::encoding_utf8);
-    if (!parsed) {
-        *error = ErrorAt(parsed.description(), parsed.offset);
-        return nullptr;
-    }
-
-    pugi::xml_node root;
-    for (pugi::xml_node node : doc.children()) {
-        if (node.type() == pugi::node_element) {
-            if (root) {
-                *error = ErrorAt("more than one root element", node.offset_debug());
-                return nullptr;
-            }
-            root = node;
-        } else if (node.type() == pugi::node_pcdata || node.type() == pugi::node_cdata) {
-            *error = ErrorAt("text outside the root element", node.offset_debug());
-            return nullptr;
-        }
-    }
-    if (!root) {
-        *error = "no root element";
-        return nullptr;
-    }
-
-    rk_elem* tree = nullptr;
-    struct Step {
-        pugi::xml_node node;
-        rk_elem* parent;
-        size_t depth;
-    };
-    std::vector<Step> pending{{root, nullptr, 1}};
-    while (!pending.empty()) {
-        Step step = pending.back();
-        pending.pop_back();
-        if (step.depth > RK_PARSE_MAX_DEPTH) {
-            ElemFree(tree);
-            *error = ErrorAt(
-                ("elements nested deeper than " + std::to_string(RK_PARSE_MAX_DEPTH)).c_str(),
-                step.node.offset_debug());
-            return nullptr;
-        }
-        if (const char* repeated = RepeatedAttribute(step.node)) {
-            ElemFree(tree);
-            *error = ErrorAt(("attribute '" + std::string(repeated) + "' repeated").c_str(),
-                             step.node.offset_debug());
-            return nullptr;
-        }
-        rk_elem* elem = new rk_elem;
-        elem->name = step.node.name();
-        for (pugi::xml_attribute attr : step.node.attributes()) {
-            elem->attributes.push_back(RkAttribute{attr.name(), RkText{attr.value(), true}});
-        }
-        elem->content.markup = true;
-        std::vector<pugi::xml_node> childElements;
-        for (pugi::xml_node child : step.node.children()) {
-            switch (child.type()) {
-                case pugi::node_element:
-                    childElements.push_back(child);
-                    break;
-                case pugi::node_pcdata:
-                    elem->content.value.append(child.value());
-                    break;
-                case pugi::node_cdata:
-                    elem->content.value.append(EscapeForMarkup(child.value()));
-                    break;
-                default:
-                    break;
-            }
-        }
-        if (step.parent == nullptr) {
-            tree = elem;
-        } else {
-            elem->parent = step.parent;
-            step.parent->children.push_back(elem);
-        }
-        for (auto it = childElements.rbegin(); it != childElements.rend(); ++it) {
-            pending.push_back({*it, elem, step.depth + 1});
-        }
-    }
-    return tree;
+    Parser parser(text, len, limits, error);
+    return parser.Parse();
 }
 
 }  // namespace rk

@@ -4,6 +4,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <new>
 #include <string>
 #include <utility>
 #include <vector>
@@ -14,26 +15,26 @@ namespace rk {
 
 namespace {
 
-void AppendText(const RkText& text, std::string* out) {
-    if (text.markup) {
+void AppendText(const char* text, bool markup, std::string* out) {
+    if (markup) {
         // Markup from the wire is already escaped and is written as it stands.
-        out->append(text.value);
+        out->append(text);
     } else {
-        AppendEscaped(text.value, out);
+        AppendEscaped(text, out);
     }
 }
 
-void AppendAttributeValue(const RkText& text, std::string* out) {
-    if (!text.markup) {
-        AppendEscaped(text.value, out);
+void AppendAttributeValue(const RkAttribute& attr, std::string* out) {
+    if (!attr.markup) {
+        AppendEscaped(attr.value, out);
         return;
     }
     // A parsed value may hold a double quote if its source used single quotes.
-    for (char c : text.value) {
-        if (c == '"') {
+    for (const char* p = attr.value; *p != '\0'; ++p) {
+        if (*p == '"') {
             out->append("&quot;");
         } else {
-            out->push_back(c);
+            out->push_back(*p);
         }
     }
 }
@@ -41,19 +42,45 @@ void AppendAttributeValue(const RkText& text, std::string* out) {
 void AppendOpenTag(const rk_elem* elem, std::string* out) {
     out->push_back('<');
     out->append(elem->name);
-    for (const RkAttribute& attr : elem->attributes) {
+    for (uint32_t i = 0; i < elem->attrCount; ++i) {
+        const RkAttribute& attr = elem->attributes[i];
         out->push_back(' ');
         out->append(attr.name);
         out->append("=\"");
-        AppendAttributeValue(attr.text, out);
+        AppendAttributeValue(attr, out);
         out->push_back('"');
     }
 }
 
+// Names the element for a reason: "<name>", with the names of its ancestors when it has any.
+std::string ElementPath(const rk_elem* elem) {
+    std::vector<const char*> names;
+    for (const rk_elem* e = elem; e != nullptr; e = e->parent) {
+        names.push_back(e->name);
+    }
+    std::string path;
+    for (auto it = names.rbegin(); it != names.rend(); ++it) {
+        path.append(path.empty() ? "<" : "/").append(*it);
+    }
+    return path + ">";
+}
+
+bool CheckText(const rk_elem* elem, const char* what, const char* text, std::string* reason) {
+    size_t offset = 0;
+    const char* why = nullptr;
+    if (IsXmlText(text, strlen(text), &offset, &why)) {
+        return true;
+    }
+    *reason = "the request cannot be sent as XML: " + std::string(what) + " of " +
+              ElementPath(elem) + " holds " + why + " at byte " + std::to_string(offset);
+    return false;
+}
+
 }  // namespace
 
-void AppendEscaped(const std::string& text, std::string* out) {
-    for (char c : text) {
+void AppendEscaped(const char* text, std::string* out) {
+    for (const char* p = text; *p != '\0'; ++p) {
+        char c = *p;
         switch (c) {
             case '&':
                 out->append("&amp;");
@@ -80,23 +107,42 @@ void ToWireForm(rk_elem* root) {
     if (root == nullptr) {
         return;
     }
-    auto convert = [](RkText* text) {
-        if (!text->markup) {
-            std::string escaped;
-            AppendEscaped(text->value, &escaped);
-            text->value = std::move(escaped);
-            text->markup = true;
+    // Texts without a special character read the same escaped: they only change their mark.
+    auto convert = [](const char** text, bool* owned) {
+        if (strpbrk(*text, "&<>\"'") == nullptr) {
+            return;
         }
+        std::string escaped;
+        AppendEscaped(*text, &escaped);
+        char* copy = static_cast<char*>(malloc(escaped.size() + 1));
+        if (copy == nullptr) {
+            throw std::bad_alloc();
+        }
+        memcpy(copy, escaped.c_str(), escaped.size() + 1);
+        if (*owned) {
+            free(const_cast<char*>(*text));
+        }
+        *text = copy;
+        *owned = true;
     };
     std::vector<rk_elem*> pending{root};
     while (!pending.empty()) {
         rk_elem* elem = pending.back();
         pending.pop_back();
-        convert(&elem->content);
-        for (RkAttribute& attr : elem->attributes) {
-            convert(&attr.text);
+        if (!elem->contentMarkup) {
+            bool owned = elem->ownsContent != 0;
+            convert(&elem->content, &owned);
+            elem->ownsContent = owned ? 1 : 0;
+            elem->contentMarkup = 1;
         }
-        pending.insert(pending.end(), elem->children.begin(), elem->children.end());
+        for (uint32_t i = 0; i < elem->attrCount; ++i) {
+            RkAttribute& attr = elem->attributes[i];
+            if (!attr.markup) {
+                convert(&attr.value, &attr.ownsValue);
+                attr.markup = true;
+            }
+        }
+        pending.insert(pending.end(), elem->children, elem->children + elem->childCount);
     }
 }
 
@@ -121,24 +167,46 @@ void WriteXml(const rk_elem* root, std::string* out) {
             continue;
         }
         AppendOpenTag(elem, out);
-        if (elem->children.empty()) {
-            if (elem->content.value.empty()) {
+        if (elem->childCount == 0) {
+            if (elem->content[0] == '\0') {
                 out->append("/>\n");
             } else {
                 out->push_back('>');
-                AppendText(elem->content, out);
+                AppendText(elem->content, elem->contentMarkup != 0, out);
                 out->append("</").append(elem->name).append(">\n");
             }
             continue;
         }
         out->push_back('>');
-        AppendText(elem->content, out);
+        AppendText(elem->content, elem->contentMarkup != 0, out);
         out->push_back('\n');
         pending.push_back({elem, step.depth, true});
-        for (auto it = elem->children.rbegin(); it != elem->children.rend(); ++it) {
-            pending.push_back({*it, step.depth + 1, false});
+        for (uint32_t i = elem->childCount; i > 0; --i) {
+            pending.push_back({elem->children[i - 1], step.depth + 1, false});
         }
     }
+}
+
+bool CheckRequestText(const rk_elem* request, std::string* reason) {
+    std::vector<const rk_elem*> pending{request};
+    while (!pending.empty()) {
+        const rk_elem* elem = pending.back();
+        pending.pop_back();
+        if (!CheckText(elem, "the name", elem->name, reason) ||
+            !CheckText(elem, "the text", elem->content, reason)) {
+            return false;
+        }
+        for (uint32_t i = 0; i < elem->attrCount; ++i) {
+            const RkAttribute& attr = elem->attributes[i];
+            if (!CheckText(elem, "an attribute name", attr.name, reason) ||
+                !CheckText(elem, ("the attribute " + std::string(attr.name)).c_str(), attr.value,
+                           reason)) {
+                return false;
+            }
+        }
+        pending.insert(pending.end(), elem->children, elem->children + elem->childCount);
+    }
+    return true;
 }
 
 char* ElemSprintf(const rk_elem* elem) {
