@@ -97,9 +97,6 @@ bool IsLoopbackHost(std::string host) {
     if (!host.empty() && host.front() == '[' && host.back() == ']') {
         host = host.substr(1, host.size() - 2);
     }
-    if (!host.empty() && host.back() == '.') {
-        host.pop_back();  // "localhost." is the same name
-    }
     if (strcasecmp(host.c_str(), "localhost") == 0) {
         return true;
     }
@@ -395,6 +392,15 @@ rk_elem* CurlConnection::TransferFailure(CURLcode code, const ServerSettings& s)
     // own count of such attempts (a send error).
     if (_resendRefused || code == CURLE_SEND_FAIL_REWIND ||
         (code == CURLE_SEND_ERROR && _requestHandedOut)) {
+        long osErrno = 0;
+        curl_easy_getinfo(_easy, CURLINFO_OS_ERRNO, &osErrno);
+        if (osErrno == ECONNRESET) {
+            return ResultsNewFailedWire("receiving from " + _endpoint +
+                                            " failed: the connection was reset after the "
+                                            "request was sent: it may have been carried out "
+                                            "(librk sends a request once)",
+                                        RK_ERR_RECV);
+        }
         return ResultsNewFailedWire(sentOnce, RK_ERR_CLOSED);
     }
     switch (code) {
