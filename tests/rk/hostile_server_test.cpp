@@ -3,6 +3,10 @@
 // is the handle's time-out of 1 s plus 100 ms where the time-out is what ends the call.
 
 #include <gtest/gtest.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <string>
@@ -366,6 +370,73 @@ TEST(HostileServer, RedirectionsAreNeverFollowed) {
     Outcome outcome = Call(h.get(), "job-get");
     EXPECT_EQ(outcome.errnum, RK_ERR_HTTP_STATUS) << outcome;
     EXPECT_EQ(bait.connections(), 0);
+}
+
+// Peak and current resident memory of this process, in bytes, from /proc/self/status.
+size_t StatusBytes(const char* field) {
+    std::string status = ReadFile("/proc/self/status");
+    size_t at = status.find(std::string(field) + ":");
+    return at == std::string::npos
+               ? 0
+               : strtoull(status.c_str() + at + strlen(field) + 1, nullptr, 10) * 1024;
+}
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+const bool kSanitized = true;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+const bool kSanitized = true;
+#else
+const bool kSanitized = false;
+#endif
+#else
+const bool kSanitized = false;
+#endif
+
+// Run in a process of its own: an endless answer, chunked or ended by closing the connection,
+// against the default limit of 64 MiB. 0 when it is refused with 13083 and the process's
+// resident memory grew by at most 1.1 times the limit meanwhile (the sanitizers' allocators
+// keep memory of their own: there only the refusal counts).
+int EndlessAnswerScenario(bool chunked) {
+    HostileServer server([chunked](HostileServer::Peer& peer) {
+        const std::string piece(65536, ' ');
+        const std::string chunk = Hex(piece.size()) + "\r\n" + piece + "\r\n";
+        if (!peer.ReadRequest() ||
+            !peer.Write(chunked ? Chunked("") : std::string("HTTP/1.1 200 OK\r\n\r\n"))) {
+            return;
+        }
+        while (peer.Write(chunked ? chunk : piece)) {
+        }
+    });
+    if (rk_startup(nullptr, 0) == 0) {
+        return 2;
+    }
+    int status = 0;
+    {
+        ServerPtr h = OpenHandle("127.0.0.1", server.port());
+        rk_server_set_timeout(h.get(), 60);
+        const size_t before = StatusBytes("VmRSS");
+        Outcome outcome = Call(h.get(), "job-get");
+        const size_t peak = StatusBytes("VmHWM");
+        fprintf(stderr, "%s answer: %d %s; resident memory grew by %zu bytes at most\n",
+                chunked ? "chunked" : "close-delimited", outcome.errnum, outcome.reason.c_str(),
+                peak - before);
+        if (outcome.errnum != RK_ERR_TOO_LARGE) {
+            status = 3;
+        } else if (!kSanitized && static_cast<double>(peak - before) > 1.1 * RK_PARSE_MAX_BYTES) {
+            status = 4;
+        }
+    }
+    rk_shutdown();
+    return status;
+}
+
+TEST(AnswerMemory, EndlessChunkedAnswerCostsAtMostAboutTheLimit) {
+    EXPECT_EXIT(_exit(EndlessAnswerScenario(true)), ::testing::ExitedWithCode(0), "");
+}
+
+TEST(AnswerMemory, EndlessCloseDelimitedAnswerCostsAtMostAboutTheLimit) {
+    EXPECT_EXIT(_exit(EndlessAnswerScenario(false)), ::testing::ExitedWithCode(0), "");
 }
 
 }  // namespace
