@@ -141,6 +141,18 @@ TEST_F(ScriptedFaults, DropOnEveryAttemptFails) {
     EXPECT_EQ(server.core().GetCounters().callsPerApi["job-get"], 1u);
 }
 
+TEST_F(ScriptedFaults, ResetOfAReusedConnectionIsNotSentAgain) {
+    ServerConfig config;
+    config.script = "job-get refuse\n";
+    TestServer server(config);
+    ServerPtr h = OpenHandle("127.0.0.1", server.port());
+    ASSERT_EQ(Call(h.get(), "system-get-corvi-version").status, 1);
+    Outcome outcome = Call(h.get(), "job-get");
+    EXPECT_EQ(outcome.errnum, RK_ERR_RECV) << outcome;
+    EXPECT_NE(outcome.reason.find("it may have been carried out"), std::string::npos) << outcome;
+    EXPECT_EQ(server.core().GetCounters().callsPerApi["job-get"], 1u);
+}
+
 // Each request at most once, against a server that answers the first request of every
 // connection and drops the connection after reading the second.
 TEST_F(ScriptedFaults, ServerDroppingEveryReusedConnectionSeesEachCallOnce) {

@@ -12,10 +12,11 @@
 //
 // Each request is written to the network at most once. libcurl sends a request again on a new
 // connection when a reused one fails before any byte of the answer (it cannot tell a server
-// that closed an idle connection from one that read the request and dropped it). The body is
-// therefore fed through a read callback whose seek callback refuses to rewind once any byte of
-// it was handed out: libcurl then gives up with CURLE_SEND_FAIL_REWIND instead of re-sending,
-// while a connection found closed before the request was written is still replaced silently.
+// that closed an idle connection from one that read the request and dropped it). A connection
+// found closed before the request goes out is replaced before libcurl reports the request
+// about to be sent (CURLOPT_PREREQFUNCTION); a new connection asked for after that can only
+// be for sending it again, and opening it is refused (CURLOPT_OPENSOCKETFUNCTION). The body
+// stays in CURLOPT_POSTFIELDS, which libcurl sends with the header in one write.
 
 #include <arpa/inet.h>
 #include <curl/curl.h>
@@ -193,8 +194,7 @@ class CurlConnection final : public HttpConnection {
     bool RefuseHttp(const std::string& what);
     static size_t OnBody(char* data, size_t size, size_t count, void* self);
     static size_t OnHeader(char* data, size_t size, size_t count, void* self);
-    static size_t OnRead(char* buffer, size_t size, size_t count, void* self);
-    static int OnSeek(void* self, curl_off_t offset, int origin);
+    static int OnPrereq(void* self, char* remoteIp, char* localIp, int remotePort, int localPort);
     static curl_socket_t OnOpenSocket(void* self, curlsocktype purpose, curl_sockaddr* address);
 
     CURL* const _easy;
@@ -203,10 +203,8 @@ class CurlConnection final : public HttpConnection {
     std::string _endpoint;  // for messages: "http://host:port" or "unix socket /path"
     size_t _limit = RK_PARSE_MAX_BYTES;
     // Per call.
-    const std::string* _request = nullptr;
-    size_t _requestOffset = 0;
-    bool _requestHandedOut = false;  // some byte of the request went to libcurl
-    bool _resendRefused = false;     // libcurl wanted a new connection to send it again
+    bool _requestSent = false;    // libcurl went on to write the request
+    bool _resendRefused = false;  // libcurl wanted a new connection to send it again
     AnswerBuffer _body;
     bool _overLimit = false;
     bool _outOfMemory = false;
@@ -283,10 +281,8 @@ void CurlConnection::Apply(const ServerSettings& s) {
     SetOpt(_easy, CURLOPT_WRITEDATA, static_cast<void*>(this));
     SetOpt(_easy, CURLOPT_HEADERFUNCTION, &CurlConnection::OnHeader);
     SetOpt(_easy, CURLOPT_HEADERDATA, static_cast<void*>(this));
-    SetOpt(_easy, CURLOPT_READFUNCTION, &CurlConnection::OnRead);
-    SetOpt(_easy, CURLOPT_READDATA, static_cast<void*>(this));
-    SetOpt(_easy, CURLOPT_SEEKFUNCTION, &CurlConnection::OnSeek);
-    SetOpt(_easy, CURLOPT_SEEKDATA, static_cast<void*>(this));
+    SetOpt(_easy, CURLOPT_PREREQFUNCTION, &CurlConnection::OnPrereq);
+    SetOpt(_easy, CURLOPT_PREREQDATA, static_cast<void*>(this));
     SetOpt(_easy, CURLOPT_OPENSOCKETFUNCTION, &CurlConnection::OnOpenSocket);
     SetOpt(_easy, CURLOPT_OPENSOCKETDATA, static_cast<void*>(this));
 
@@ -339,10 +335,9 @@ rk_elem* CurlConnection::Call(const ServerSettings& s, const std::string& body) 
         _appliedGeneration = 0;  // a failure half-way leaves the options to be applied again
         Apply(s);
     }
+    SetOpt(_easy, CURLOPT_POSTFIELDS, body.data());
     SetOpt(_easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body.size()));
-    _request = &body;
-    _requestOffset = 0;
-    _requestHandedOut = false;
+    _requestSent = false;
     _resendRefused = false;
     _body.clear();
     _overLimit = false;
@@ -362,7 +357,6 @@ rk_elem* CurlConnection::Call(const ServerSettings& s, const std::string& body) 
         SigpipeBlock block(s.transport == RK_TRANSPORT_HTTPS);
         code = curl_easy_perform(_easy);
     }
-    _request = nullptr;
     rk_elem* result;
     if (code != CURLE_OK) {
         result = TransferFailure(code, s);
@@ -387,11 +381,10 @@ rk_elem* CurlConnection::TransferFailure(CURLcode code, const ServerSettings& s)
         _endpoint +
         " closed the connection without an answer after the request was sent: it may have been "
         "carried out (librk sends a request once)";
-    // The connection was lost once the request was handed out, and libcurl would have sent it
-    // again: on a new connection (refused by OnOpenSocket or OnSeek), or it gave up after its
-    // own count of such attempts (a send error).
-    if (_resendRefused || code == CURLE_SEND_FAIL_REWIND ||
-        (code == CURLE_SEND_ERROR && _requestHandedOut)) {
+    // The connection was lost once the request went out, and libcurl would have sent it again
+    // on a new connection (refused by OnOpenSocket), or it gave up after its own count of such
+    // attempts (a send error).
+    if (_resendRefused || (code == CURLE_SEND_ERROR && _requestSent)) {
         long osErrno = 0;
         curl_easy_getinfo(_easy, CURLINFO_OS_ERRNO, &osErrno);
         if (osErrno == ECONNRESET) {
@@ -446,8 +439,7 @@ rk_elem* CurlConnection::TransferFailure(CURLcode code, const ServerSettings& s)
                                         RK_ERR_TLS_SETUP);
         case CURLE_GOT_NOTHING:
             return ResultsNewFailedWire(
-                _requestHandedOut ? sentOnce
-                                  : _endpoint + " closed the connection without an answer",
+                _requestSent ? sentOnce : _endpoint + " closed the connection without an answer",
                 RK_ERR_CLOSED);
         case CURLE_RECV_ERROR: {
             // A chunked body that cannot be decoded fails as a receive error without any
@@ -704,43 +696,20 @@ bool CurlConnection::EndOfHeader() {
     return true;
 }
 
-size_t CurlConnection::OnRead(char* buffer, size_t size, size_t count, void* self) {
-    auto* c = static_cast<CurlConnection*>(self);
-    if (c->_request == nullptr) {
-        return 0;
-    }
-    size_t n = c->_request->size() - c->_requestOffset;
-    if (n > size * count) {
-        n = size * count;
-    }
-    memcpy(buffer, c->_request->data() + c->_requestOffset, n);
-    c->_requestOffset += n;
-    if (n > 0) {
-        c->_requestHandedOut = true;
-    }
-    return n;
+int CurlConnection::OnPrereq(void* self, char*, char*, int, int) {
+    static_cast<CurlConnection*>(self)->_requestSent = true;
+    return CURL_PREREQFUNC_OK;
 }
 
 // A call opens a new connection to send its request once; libcurl asks for one after the
-// request was handed out only to send it again, which is refused before anything is connected.
+// request went out only to send it again, which is refused before anything is connected.
 curl_socket_t CurlConnection::OnOpenSocket(void* self, curlsocktype, curl_sockaddr* address) {
     auto* c = static_cast<CurlConnection*>(self);
-    if (c->_requestHandedOut) {
+    if (c->_requestSent) {
         c->_resendRefused = true;
         return CURL_SOCKET_BAD;  // libcurl ends the transfer with CURLE_COULDNT_CONNECT
     }
     return socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
-}
-
-// libcurl rewinds the body to send the request again on a new connection. That is allowed
-// only while no byte of it was handed out: a request is written to the network at most once.
-int CurlConnection::OnSeek(void* self, curl_off_t offset, int origin) {
-    auto* c = static_cast<CurlConnection*>(self);
-    if (c->_requestHandedOut || offset != 0 || origin != SEEK_SET) {
-        return CURL_SEEKFUNC_CANTSEEK;
-    }
-    c->_requestOffset = 0;
-    return CURL_SEEKFUNC_OK;
 }
 
 }  // namespace
