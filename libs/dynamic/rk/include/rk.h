@@ -95,7 +95,7 @@ RK_API int rk_is_started(void);
 #define RK_ERR_TLS_SETUP 13072       /* CA file, client certificate or key unusable */
 #define RK_ERR_HTTP_STATUS 13080     /* HTTP error status without a TEZA result */
 #define RK_ERR_MALFORMED 13081       /* answer is not well-formed XML, or empty */
-#define RK_ERR_TRUNCATED 13082       /* answer shorter than announced: connection lost */
+#define RK_ERR_TRUNCATED 13082       /* header or answer cut short: connection lost */
 #define RK_ERR_TOO_LARGE 13083       /* answer over the handle's size limit */
 #define RK_ERR_NOT_RESULT 13084      /* well-formed answer that is not a results element */
 #define RK_ERR_PROTOCOL 13085        /* the server's HTTP cannot be understood or accepted */
@@ -117,9 +117,14 @@ RK_API int rk_is_started(void);
 
 /* Each request is written to the network at most once. When a kept-open connection turns out
  * to be closed before any byte of a request was written to it, the request goes out on a new
- * connection; once a byte was written, a connection lost without an answer fails the call
- * with RK_ERR_CLOSED and a reason saying that the request may have been carried out. Whether
- * to call again is the caller's decision, never the library's.
+ * connection; once it was written, a connection lost without an answer fails the call with
+ * RK_ERR_CLOSED (RK_ERR_RECV when the server reset it) and a reason saying that the request
+ * may have been carried out. Whether to call again is the caller's decision, never the
+ * library's.
+ *
+ * While an answer is received its body is held in one buffer that never grows past the
+ * handle's limit: receiving an answer costs about that limit at most, whatever the server
+ * sends.
  *
  * HTTPS needs TLS 1.2 or later, whatever the system's OpenSSL configuration allows.
  *
