@@ -502,8 +502,9 @@ rk_elem* CurlConnection::TransferFailure(CURLcode code, const ServerSettings& s)
         case CURLE_OUT_OF_MEMORY:
             // libcurl refuses a header line of CURL_MAX_HTTP_HEADER (100 KiB) or more as if
             // memory were exhausted; what it allocates otherwise while reading a header is
-            // small, so before the end of the header this is taken for that refusal.
-            if (_headerState != HeaderState::kBody) {
+            // small, so between the request and the end of the header this is taken for that
+            // refusal.
+            if (_requestSent && _headerState != HeaderState::kBody) {
                 return ResultsNewFailedWire(
                     "the answer of " + _endpoint + " cannot be accepted: a header line is " +
                         std::to_string(CURL_MAX_HTTP_HEADER) + " bytes or more",
@@ -563,7 +564,7 @@ size_t CurlConnection::OnBody(char* data, size_t size, size_t count, void* self)
         if (capacity < needed) {
             capacity = needed;
         }
-        if (capacity > kGrowInSteps) {
+        if (capacity > kGrowInSteps || capacity > c->_limit) {
             capacity = c->_limit;
         }
         if (!body.Reserve(capacity)) {
