@@ -109,10 +109,10 @@ RK_API int rk_is_started(void);
  * status line too), two Content-Length values that differ, a Content-Length that is not a
  * decimal number, Transfer-Encoding together with Content-Length, and a Content-Encoding
  * other than identity (librk asks for none). Redirections are never followed: a 3xx answer is
- * an HTTP status without a TEZA result (RK_ERR_HTTP_STATUS). */
-#define RK_HTTP_MAX_HEADER_BYTES 65536 /* all header lines of one call: status lines, fields,
-                                          interim (1xx) answers and trailers together */
-#define RK_HTTP_MAX_HEADER_LINES 256   /* likewise counted over the whole call */
+ * an HTTP status without a TEZA result (RK_ERR_HTTP_STATUS). The first two limits count all
+ * header lines of one call together: status lines, fields, interim answers and trailers. */
+#define RK_HTTP_MAX_HEADER_BYTES 65536
+#define RK_HTTP_MAX_HEADER_LINES 256
 #define RK_HTTP_MAX_INTERIM_ANSWERS 16 /* interim (1xx) answers before the final one */
 
 /* Each request is written to the network at most once. When a kept-open connection turns out
