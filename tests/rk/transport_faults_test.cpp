@@ -5,6 +5,7 @@
 
 #include <string>
 
+#include "hostile_server.h"
 #include "rk.h"
 #include "test_server.h"
 
@@ -106,17 +107,25 @@ TEST_F(ScriptedFaults, TruncatedBody) {
 TEST_F(ScriptedFaults, DroppedConnection) {
     Outcome outcome = CallScripted("job-get drop\n", "job-get");
     EXPECT_EQ(outcome.errnum, RK_ERR_CLOSED) << outcome;
-    EXPECT_EQ(outcome.reason, _endpoint + " closed the connection without an answer");
+    EXPECT_EQ(outcome.reason, _endpoint +
+                                  " closed the connection without an answer after the request "
+                                  "was sent: it may have been carried out (librk sends a "
+                                  "request once)");
 }
 
-TEST_F(ScriptedFaults, DropOnAReusedConnectionIsSentOnceMore) {
+TEST_F(ScriptedFaults, DropOnAReusedConnectionIsNotSentAgain) {
     ServerConfig config;
     config.script = "job-get times=1 drop\njob-get pass <job-id>3</job-id>\n";
     TestServer server(config);
     ServerPtr h = OpenHandle("127.0.0.1", server.port());
     ASSERT_EQ(Call(h.get(), "system-get-corvi-version").status, 1);
-    // libcurl takes a reused connection closed before any byte of an answer for one the
-    // server closed while idle, and sends the call once more on a new connection.
+    // The server read the call on the kept-open connection and closed it: the call may have
+    // been carried out, so it is not sent again on a new connection.
+    Outcome outcome = Call(h.get(), "job-get");
+    EXPECT_EQ(outcome.errnum, RK_ERR_CLOSED) << outcome;
+    EXPECT_NE(outcome.reason.find("it may have been carried out"), std::string::npos) << outcome;
+    EXPECT_EQ(server.core().GetCounters().callsPerApi["job-get"], 1u);
+    // The next call goes out on a new connection.
     EXPECT_EQ(Call(h.get(), "job-get").status, 1);
     EXPECT_EQ(server.core().GetCounters().callsPerApi["job-get"], 2u);
     EXPECT_EQ(server.core().GetCounters().connections, 2u);
@@ -129,7 +138,62 @@ TEST_F(ScriptedFaults, DropOnEveryAttemptFails) {
     ServerPtr h = OpenHandle("127.0.0.1", server.port());
     ASSERT_EQ(Call(h.get(), "system-get-corvi-version").status, 1);
     EXPECT_EQ(Call(h.get(), "job-get").errnum, RK_ERR_CLOSED);
-    EXPECT_EQ(server.core().GetCounters().callsPerApi["job-get"], 2u);
+    EXPECT_EQ(server.core().GetCounters().callsPerApi["job-get"], 1u);
+}
+
+TEST_F(ScriptedFaults, ResetOfAReusedConnectionIsNotSentAgain) {
+    ServerConfig config;
+    config.script = "job-get refuse\n";
+    TestServer server(config);
+    ServerPtr h = OpenHandle("127.0.0.1", server.port());
+    ASSERT_EQ(Call(h.get(), "system-get-corvi-version").status, 1);
+    Outcome outcome = Call(h.get(), "job-get");
+    EXPECT_EQ(outcome.errnum, RK_ERR_RECV) << outcome;
+    EXPECT_NE(outcome.reason.find("it may have been carried out"), std::string::npos) << outcome;
+    EXPECT_EQ(server.core().GetCounters().callsPerApi["job-get"], 1u);
+}
+
+// Each request at most once, against a server that answers the first request of every
+// connection and drops the connection after reading the second.
+TEST_F(ScriptedFaults, ServerDroppingEveryReusedConnectionSeesEachCallOnce) {
+    HostileServer server([](HostileServer::Peer& peer) {
+        if (peer.ReadRequest() && peer.Write(PassedAnswer())) {
+            peer.ReadRequest();
+        }
+    });
+    ServerPtr h = OpenHandle("127.0.0.1", server.port());
+    const int kCalls = 20;
+    for (int i = 0; i < kCalls; ++i) {
+        Outcome outcome = Call(h.get(), "job-get");
+        if (i % 2 == 0) {
+            EXPECT_EQ(outcome.status, 1) << "call " << i << ": " << outcome;
+        } else {
+            EXPECT_EQ(outcome.errnum, RK_ERR_CLOSED) << "call " << i << ": " << outcome;
+            EXPECT_NE(outcome.reason.find("it may have been carried out"), std::string::npos)
+                << outcome;
+        }
+        EXPECT_EQ(server.requests(), i + 1) << "call " << i;
+    }
+    EXPECT_EQ(server.connections(), kCalls / 2);
+}
+
+// A connection that the server closed while it was idle is found closed before the request is
+// written: the call goes out on a new connection and passes.
+TEST_F(ScriptedFaults, ServerClosingIdleConnectionsBetweenCalls) {
+    HostileServer server([](HostileServer::Peer& peer) {
+        if (peer.ReadRequest()) {
+            peer.Write(PassedAnswer());
+        }
+    });
+    ServerPtr h = OpenHandle("127.0.0.1", server.port());
+    const int kCalls = 10;
+    for (int i = 0; i < kCalls; ++i) {
+        Outcome outcome = Call(h.get(), "job-get");
+        EXPECT_EQ(outcome.status, 1) << "call " << i << ": " << outcome;
+        ASSERT_TRUE(server.WaitUntilClosed(i + 1));
+    }
+    EXPECT_EQ(server.requests(), kCalls);
+    EXPECT_EQ(server.connections(), kCalls);
 }
 
 TEST_F(ScriptedFaults, RefusedCallResetsTheConnection) {

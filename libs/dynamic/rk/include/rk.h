@@ -95,13 +95,47 @@ RK_API int rk_is_started(void);
 #define RK_ERR_TLS_SETUP 13072       /* CA file, client certificate or key unusable */
 #define RK_ERR_HTTP_STATUS 13080     /* HTTP error status without a TEZA result */
 #define RK_ERR_MALFORMED 13081       /* answer not well-formed XML 1.0 in UTF-8, or empty */
-#define RK_ERR_TRUNCATED 13082       /* answer shorter than announced: connection lost */
+#define RK_ERR_TRUNCATED 13082       /* header or answer cut short: connection lost */
 #define RK_ERR_TOO_LARGE 13083       /* answer past the handle's size limit or one derived */
 #define RK_ERR_NOT_RESULT 13084      /* answer not a results element, or errno not an int */
-#define RK_ERR_PROTOCOL 13085        /* the server's HTTP could not be understood */
+#define RK_ERR_PROTOCOL 13085        /* the server's HTTP cannot be understood or accepted */
 #define RK_ERR_NO_SERVER 13090       /* no in-process server of that name is registered */
 #define RK_ERR_NO_ANSWER 13091       /* the in-process server gave no result */
 #define RK_ERR_OTHER 13099           /* any other transfer failure; the reason says which */
+
+/* What librk accepts of a server's HTTP answer, beyond the body's size limit
+ * (rk_server_set_max_response_size). An answer past any of these fails with RK_ERR_PROTOCOL
+ * and a reason naming the part that is too large, as do: a header line of 100 KiB or more (a
+ * status line too), two Content-Length values that differ, a Content-Length that is not a
+ * decimal number, Transfer-Encoding together with Content-Length, and a Content-Encoding
+ * other than identity (librk asks for none). Redirections are never followed: a 3xx answer is
+ * an HTTP status without a TEZA result (RK_ERR_HTTP_STATUS). The first two limits count all
+ * header lines of one call together: status lines, fields, interim answers and trailers. */
+#define RK_HTTP_MAX_HEADER_BYTES 65536
+#define RK_HTTP_MAX_HEADER_LINES 256
+#define RK_HTTP_MAX_INTERIM_ANSWERS 16 /* interim (1xx) answers before the final one */
+
+/* Each request is written to the network at most once. When a kept-open connection turns out
+ * to be closed before any byte of a request was written to it, the request goes out on a new
+ * connection; once it was written, a connection lost without an answer fails the call with
+ * RK_ERR_CLOSED (RK_ERR_RECV when the server reset it) and a reason saying that the request
+ * may have been carried out. Whether to call again is the caller's decision, never the
+ * library's.
+ *
+ * While an answer is received its body is held in one buffer that never grows past the
+ * handle's limit: receiving an answer costs about that limit at most, whatever the server
+ * sends.
+ *
+ * HTTPS needs TLS 1.2 or later, whatever the system's OpenSSL configuration allows.
+ *
+ * Proxies: a call over HTTP or HTTPS goes through the proxy that the environment names, as
+ * libcurl reads it: http_proxy (lower case only) for HTTP, https_proxy or HTTPS_PROXY for
+ * HTTPS, otherwise all_proxy or ALL_PROXY; the lower-case name wins when both are set. The
+ * login and password travel to the server through the proxy (readable by it over plain HTTP).
+ * no_proxy or NO_PROXY lists host names (and their subdomains) and addresses to call
+ * directly; NO_PROXY=* turns proxies off for the whole program, as does leaving the proxy
+ * variables unset. Calls to a loopback host (localhost, 127.0.0.0/8, ::1, written as such,
+ * not a name that resolves there) and over Unix sockets never use a proxy. */
 
 /* A new handle for a server; the connection itself is made by the first call and kept open
  * for the calls that follow (one persistent HTTP/1.1 connection per handle). Never null for

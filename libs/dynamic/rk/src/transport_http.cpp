@@ -5,11 +5,29 @@
 // reuse it; closing the handle (curl_easy_cleanup) closes it. The options are applied again
 // only when a setter changed something: curl_easy_reset clears the options but keeps the open
 // connection.
+//
+// What an answer may cost: its body is held in one buffer that never grows past the handle's
+// limit (so receiving costs about the limit at most, never the doubling of a growing string),
+// and its header lines are counted against the RK_HTTP_MAX_* limits of rk.h as they arrive.
+//
+// Each request is written to the network at most once. libcurl sends a request again on a new
+// connection when a reused one fails before any byte of the answer (it cannot tell a server
+// that closed an idle connection from one that read the request and dropped it). A connection
+// found closed before the request goes out is replaced before libcurl reports the request
+// about to be sent (CURLOPT_PREREQFUNCTION); a new connection asked for after that can only
+// be for sending it again, and opening it is refused (CURLOPT_OPENSOCKETFUNCTION). The body
+// stays in CURLOPT_POSTFIELDS, which libcurl sends with the header in one write.
 
+#include <arpa/inet.h>
 #include <curl/curl.h>
 #include <errno.h>
+#include <netinet/in.h>
 #include <pthread.h>
 #include <signal.h>
+#include <stdlib.h>
+#include <string.h>
+#include <strings.h>
+#include <sys/socket.h>
 #include <time.h>
 
 #include <memory>
@@ -23,6 +41,91 @@ namespace rk {
 namespace {
 
 const char kPath[] = "/teza";
+
+// Below this size an answer's buffer doubles as it grows; past it, the buffer is made as large as
+// the limit at once. Only the bytes written into it become resident, and growing it never needs
+// the old and the new buffer at their full sizes together.
+const size_t kGrowInSteps = 1u << 20;
+
+// The body of one answer: malloc'd so that a large buffer grows with realloc (which the C
+// library may do without copying), never past the capacity it is asked for.
+class AnswerBuffer {
+  public:
+    AnswerBuffer() = default;
+    ~AnswerBuffer() { free(_data); }
+    AnswerBuffer(const AnswerBuffer&) = delete;
+    AnswerBuffer& operator=(const AnswerBuffer&) = delete;
+
+    const char* data() const { return _data; }
+    size_t size() const { return _size; }
+    size_t capacity() const { return _capacity; }
+    bool empty() const { return _size == 0; }
+    void clear() { _size = 0; }
+    void Release() {
+        free(_data);
+        _data = nullptr;
+        _size = 0;
+        _capacity = 0;
+    }
+    // False when memory is exhausted; the buffer is then unchanged.
+    bool Reserve(size_t capacity) {
+        if (capacity <= _capacity) {
+            return true;
+        }
+        char* grown = static_cast<char*>(realloc(_data, capacity));
+        if (grown == nullptr) {
+            return false;
+        }
+        _data = grown;
+        _capacity = capacity;
+        return true;
+    }
+    // REQUIRES: size() + n <= capacity().
+    void Append(const char* bytes, size_t n) {
+        memcpy(_data + _size, bytes, n);
+        _size += n;
+    }
+
+  private:
+    char* _data = nullptr;
+    size_t _size = 0;
+    size_t _capacity = 0;
+};
+
+// Host names and addresses that never go through a proxy: "localhost" and the loopback
+// addresses 127.0.0.0/8 and ::1 (an IPv4-mapped 127.x address too).
+bool IsLoopbackHost(std::string host) {
+    if (!host.empty() && host.front() == '[' && host.back() == ']') {
+        host = host.substr(1, host.size() - 2);
+    }
+    if (strcasecmp(host.c_str(), "localhost") == 0) {
+        return true;
+    }
+    in_addr v4;
+    if (inet_pton(AF_INET, host.c_str(), &v4) == 1) {
+        return (ntohl(v4.s_addr) >> 24) == 127;
+    }
+    const size_t zone = host.find('%');
+    if (zone != std::string::npos) {
+        host.resize(zone);
+    }
+    in6_addr v6;
+    if (inet_pton(AF_INET6, host.c_str(), &v6) == 1) {
+        return IN6_IS_ADDR_LOOPBACK(&v6) || (IN6_IS_ADDR_V4MAPPED(&v6) && v6.s6_addr[12] == 127);
+    }
+    return false;
+}
+
+// Header field values: optional white space trimmed.
+std::string Trim(const char* begin, const char* end) {
+    while (begin < end && (*begin == ' ' || *begin == '\t')) {
+        ++begin;
+    }
+    while (end > begin && (end[-1] == ' ' || end[-1] == '\t')) {
+        --end;
+    }
+    return std::string(begin, end);
+}
 
 // Blocks SIGPIPE in the calling thread while OpenSSL writes to a socket the peer may have
 // closed (libcurl's own sends on plain sockets never raise it), and swallows a SIGPIPE raised
@@ -75,11 +178,24 @@ class CurlConnection final : public HttpConnection {
     rk_elem* Call(const ServerSettings& s, const std::string& body) override;
 
   private:
+    // Where the header callback stands in the answer.
+    enum class HeaderState {
+        kStatusLine,  // before the status line of an answer (interim or final)
+        kFields,      // among the header fields of an answer
+        kBody,        // after the final answer's header: body, then trailers
+    };
+
     void Apply(const ServerSettings& s);
     rk_elem* TransferFailure(CURLcode code, const ServerSettings& s);
     rk_elem* Answer(const ServerSettings& s);
+    bool HeaderLine(const char* data, size_t n);
+    bool HeaderField(const char* data, size_t n);
+    bool EndOfHeader();
+    bool RefuseHttp(const std::string& what);
     static size_t OnBody(char* data, size_t size, size_t count, void* self);
     static size_t OnHeader(char* data, size_t size, size_t count, void* self);
+    static int OnPrereq(void* self, char* remoteIp, char* localIp, int remotePort, int localPort);
+    static curl_socket_t OnOpenSocket(void* self, curlsocktype purpose, curl_sockaddr* address);
 
     CURL* const _easy;
     curl_slist* _headers = nullptr;
@@ -87,8 +203,19 @@ class CurlConnection final : public HttpConnection {
     std::string _endpoint;  // for messages: "http://host:port" or "unix socket /path"
     size_t _limit = RK_PARSE_MAX_BYTES;
     // Per call.
-    std::string _body;
+    bool _requestSent = false;    // libcurl went on to write the request
+    bool _resendRefused = false;  // libcurl wanted a new connection to send it again
+    AnswerBuffer _body;
     bool _overLimit = false;
+    bool _outOfMemory = false;
+    std::string _refusal;  // why the answer's HTTP was refused; empty when it was not
+    HeaderState _headerState = HeaderState::kStatusLine;
+    size_t _headerBytes = 0;
+    size_t _headerLines = 0;
+    size_t _interimAnswers = 0;
+    bool _interim = false;           // the answer being read is a 1xx one
+    long long _contentLength = -1;   // of the answer being read; -1 when not announced
+    bool _transferEncoding = false;  // of the answer being read
     std::string _statusLine;
     char _error[CURL_ERROR_SIZE];
 };
@@ -135,7 +262,14 @@ void CurlConnection::Apply(const ServerSettings& s) {
         url = _endpoint + kPath;
     }
     SetOpt(_easy, CURLOPT_URL, url.c_str());
+    // Proxies named in the environment (http_proxy, https_proxy, all_proxy, no_proxy) are used
+    // as libcurl uses them, but never for a Unix socket or a loopback host: "" turns them off.
+    if (s.transport == RK_TRANSPORT_UNIX_SOCKET || IsLoopbackHost(s.host)) {
+        SetOpt(_easy, CURLOPT_PROXY, "");
+    }
     SetOpt(_easy, CURLOPT_PROTOCOLS_STR, "http,https");
+    // Whatever the system's OpenSSL configuration allows (also towards an HTTPS proxy).
+    SetOpt(_easy, CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
     SetOpt(_easy, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
     SetOpt(_easy, CURLOPT_POST, 1L);
     SetOpt(_easy, CURLOPT_NOSIGNAL, 1L);  // several threads; time-outs without SIGALRM
@@ -147,6 +281,10 @@ void CurlConnection::Apply(const ServerSettings& s) {
     SetOpt(_easy, CURLOPT_WRITEDATA, static_cast<void*>(this));
     SetOpt(_easy, CURLOPT_HEADERFUNCTION, &CurlConnection::OnHeader);
     SetOpt(_easy, CURLOPT_HEADERDATA, static_cast<void*>(this));
+    SetOpt(_easy, CURLOPT_PREREQFUNCTION, &CurlConnection::OnPrereq);
+    SetOpt(_easy, CURLOPT_PREREQDATA, static_cast<void*>(this));
+    SetOpt(_easy, CURLOPT_OPENSOCKETFUNCTION, &CurlConnection::OnOpenSocket);
+    SetOpt(_easy, CURLOPT_OPENSOCKETDATA, static_cast<void*>(this));
 
     _limit = s.maxResponseBytes;
     SetOpt(_easy, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(_limit));
@@ -199,11 +337,19 @@ rk_elem* CurlConnection::Call(const ServerSettings& s, const std::string& body) 
     }
     SetOpt(_easy, CURLOPT_POSTFIELDS, body.data());
     SetOpt(_easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body.size()));
-    if (_body.capacity() > (1u << 20)) {
-        std::string().swap(_body);  // do not keep the memory of one large answer
-    }
+    _requestSent = false;
+    _resendRefused = false;
     _body.clear();
     _overLimit = false;
+    _outOfMemory = false;
+    _refusal.clear();
+    _headerState = HeaderState::kStatusLine;
+    _headerBytes = 0;
+    _headerLines = 0;
+    _interimAnswers = 0;
+    _interim = false;
+    _contentLength = -1;
+    _transferEncoding = false;
     _statusLine.clear();
     _error[0] = '\0';
     CURLcode code;
@@ -211,12 +357,45 @@ rk_elem* CurlConnection::Call(const ServerSettings& s, const std::string& body) 
         SigpipeBlock block(s.transport == RK_TRANSPORT_HTTPS);
         code = curl_easy_perform(_easy);
     }
-    return code == CURLE_OK ? Answer(s) : TransferFailure(code, s);
+    rk_elem* result;
+    if (code != CURLE_OK) {
+        result = TransferFailure(code, s);
+    } else if (_headerState != HeaderState::kBody) {
+        // libcurl takes a connection lost in the middle of a header for the end of an answer.
+        result = ResultsNewFailedWire(
+            "the answer of " + _endpoint + " was cut short in its header: the connection was lost",
+            RK_ERR_TRUNCATED);
+    } else {
+        result = Answer(s);
+    }
+    if (_body.capacity() > kGrowInSteps) {
+        _body.Release();  // do not keep the memory of one large answer
+    }
+    return result;
 }
 
 rk_elem* CurlConnection::TransferFailure(CURLcode code, const ServerSettings& s) {
     const std::string detail = _error[0] != '\0' ? _error : curl_easy_strerror(code);
     const std::string limit = std::to_string(s.timeoutSeconds) + " s";
+    const std::string sentOnce =
+        _endpoint +
+        " closed the connection without an answer after the request was sent: it may have been "
+        "carried out (librk sends a request once)";
+    // The connection was lost once the request went out, and libcurl would have sent it again
+    // on a new connection (refused by OnOpenSocket), or it gave up after its own count of such
+    // attempts (a send error).
+    if (_resendRefused || (code == CURLE_SEND_ERROR && _requestSent)) {
+        long osErrno = 0;
+        curl_easy_getinfo(_easy, CURLINFO_OS_ERRNO, &osErrno);
+        if (osErrno == ECONNRESET) {
+            return ResultsNewFailedWire("receiving from " + _endpoint +
+                                            " failed: the connection was reset after the "
+                                            "request was sent: it may have been carried out "
+                                            "(librk sends a request once)",
+                                        RK_ERR_RECV);
+        }
+        return ResultsNewFailedWire(sentOnce, RK_ERR_CLOSED);
+    }
     switch (code) {
         case CURLE_COULDNT_RESOLVE_HOST:
             return ResultsNewFailedWire("cannot resolve host '" + s.host + "': " + detail,
@@ -259,11 +438,24 @@ rk_elem* CurlConnection::TransferFailure(CURLcode code, const ServerSettings& s)
             return ResultsNewFailedWire("cannot set up TLS for " + _endpoint + ": " + detail,
                                         RK_ERR_TLS_SETUP);
         case CURLE_GOT_NOTHING:
-            return ResultsNewFailedWire(_endpoint + " closed the connection without an answer",
-                                        RK_ERR_CLOSED);
-        case CURLE_RECV_ERROR:
+            return ResultsNewFailedWire(
+                _requestSent ? sentOnce : _endpoint + " closed the connection without an answer",
+                RK_ERR_CLOSED);
+        case CURLE_RECV_ERROR: {
+            // A chunked body that cannot be decoded fails as a receive error without any
+            // error of the socket's.
+            long osErrno = 0;
+            curl_easy_getinfo(_easy, CURLINFO_OS_ERRNO, &osErrno);
+            if (_headerState == HeaderState::kBody && _transferEncoding && osErrno == 0) {
+                return ResultsNewFailedWire("the answer of " + _endpoint +
+                                                " cannot be accepted: its chunked body is "
+                                                "malformed: " +
+                                                detail,
+                                            RK_ERR_PROTOCOL);
+            }
             return ResultsNewFailedWire("receiving from " + _endpoint + " failed: " + detail,
                                         RK_ERR_RECV);
+        }
         case CURLE_SEND_ERROR:
             return ResultsNewFailedWire("sending to " + _endpoint + " failed: " + detail,
                                         RK_ERR_SEND);
@@ -275,6 +467,14 @@ rk_elem* CurlConnection::TransferFailure(CURLcode code, const ServerSettings& s)
                                             std::to_string(_limit) + " bytes",
                                         RK_ERR_TOO_LARGE);
         case CURLE_WRITE_ERROR:
+            if (!_refusal.empty()) {
+                return ResultsNewFailedWire(
+                    "the answer of " + _endpoint + " cannot be accepted: " + _refusal,
+                    RK_ERR_PROTOCOL);
+            }
+            if (_outOfMemory) {
+                return ResultsNewFailedWire("out of memory", RK_ERR_NO_MEMORY);
+            }
             if (_overLimit) {
                 return ResultsNewFailedWire("the answer of " + _endpoint +
                                                 " is over the limit of " + std::to_string(_limit) +
@@ -300,6 +500,16 @@ rk_elem* CurlConnection::TransferFailure(CURLcode code, const ServerSettings& s)
                                         RK_ERR_TRANSPORT);
         }
         case CURLE_OUT_OF_MEMORY:
+            // libcurl refuses a header line of CURL_MAX_HTTP_HEADER (100 KiB) or more as if
+            // memory were exhausted; what it allocates otherwise while reading a header is
+            // small, so between the request and the end of the header this is taken for that
+            // refusal.
+            if (_requestSent && _headerState != HeaderState::kBody) {
+                return ResultsNewFailedWire(
+                    "the answer of " + _endpoint + " cannot be accepted: a header line is " +
+                        std::to_string(CURL_MAX_HTTP_HEADER) + " bytes or more",
+                    RK_ERR_PROTOCOL);
+            }
             return ResultsNewFailedWire("out of memory", RK_ERR_NO_MEMORY);
         default:
             break;
@@ -357,34 +567,164 @@ rk_elem* CurlConnection::Answer(const ServerSettings& s) {
 size_t CurlConnection::OnBody(char* data, size_t size, size_t count, void* self) {
     auto* c = static_cast<CurlConnection*>(self);
     const size_t n = size * count;
-    if (n > c->_limit - c->_body.size()) {
+    AnswerBuffer& body = c->_body;
+    if (n > c->_limit - body.size()) {
         c->_overLimit = true;
         return 0;  // libcurl ends the transfer with CURLE_WRITE_ERROR
     }
-    try {
-        c->_body.append(data, n);
-    } catch (...) {
-        return 0;
+    const size_t needed = body.size() + n;
+    if (needed > body.capacity()) {
+        size_t capacity = body.capacity() < kGrowInSteps / 2 ? 2 * body.capacity() : c->_limit;
+        if (capacity < needed) {
+            capacity = needed;
+        }
+        if (capacity > kGrowInSteps || capacity > c->_limit) {
+            capacity = c->_limit;
+        }
+        if (!body.Reserve(capacity)) {
+            c->_outOfMemory = true;
+            return 0;
+        }
     }
+    body.Append(data, n);
     return n;
 }
 
 size_t CurlConnection::OnHeader(char* data, size_t size, size_t count, void* self) {
     auto* c = static_cast<CurlConnection*>(self);
     const size_t n = size * count;
-    // The status line of the final answer (after any "100 Continue"), for messages.
-    if (n > 5 && std::string(data, 5) == "HTTP/") {
-        try {
-            c->_statusLine.assign(data, n);
-            while (!c->_statusLine.empty() &&
-                   (c->_statusLine.back() == '\r' || c->_statusLine.back() == '\n')) {
-                c->_statusLine.pop_back();
-            }
-        } catch (...) {
-            c->_statusLine.clear();
-        }
+    try {
+        return c->HeaderLine(data, n) ? n : 0;  // 0: libcurl ends with CURLE_WRITE_ERROR
+    } catch (...) {
+        c->_outOfMemory = true;
+        return 0;
     }
-    return n;
+}
+
+bool CurlConnection::RefuseHttp(const std::string& what) {
+    _refusal = what;
+    return false;
+}
+
+// One line of the answer's header, as libcurl hands them over: status lines, header fields and
+// the blank lines that end them, of interim (1xx) answers and of the final one, and the
+// trailers of a chunked body. libcurl itself refuses a single line of 100 KiB or more.
+bool CurlConnection::HeaderLine(const char* data, size_t n) {
+    _headerBytes += n;
+    if (_headerBytes > RK_HTTP_MAX_HEADER_BYTES) {
+        return RefuseHttp("its header is over " + std::to_string(RK_HTTP_MAX_HEADER_BYTES) +
+                          " bytes");
+    }
+    if (++_headerLines > RK_HTTP_MAX_HEADER_LINES) {
+        return RefuseHttp("its header has more than " + std::to_string(RK_HTTP_MAX_HEADER_LINES) +
+                          " lines");
+    }
+    size_t length = n;
+    while (length > 0 && (data[length - 1] == '\r' || data[length - 1] == '\n')) {
+        --length;
+    }
+    switch (_headerState) {
+        case HeaderState::kStatusLine: {
+            // libcurl hands over only lines that it took for a status line ("HTTP/...").
+            _statusLine.assign(data, length);
+            const size_t space = _statusLine.find(' ');
+            const long code = space == std::string::npos
+                                  ? 0
+                                  : strtol(_statusLine.c_str() + space + 1, nullptr, 10);
+            _interim = code >= 100 && code < 200;
+            if (_interim && ++_interimAnswers > RK_HTTP_MAX_INTERIM_ANSWERS) {
+                return RefuseHttp("it sent more than " +
+                                  std::to_string(RK_HTTP_MAX_INTERIM_ANSWERS) +
+                                  " interim (1xx) answers");
+            }
+            _contentLength = -1;
+            _transferEncoding = false;
+            _headerState = HeaderState::kFields;
+            return true;
+        }
+        case HeaderState::kFields:
+            if (length == 0) {
+                return EndOfHeader();
+            }
+            return HeaderField(data, length);
+        case HeaderState::kBody:
+            return true;  // trailers: counted above, otherwise unused
+    }
+    return true;
+}
+
+bool CurlConnection::HeaderField(const char* data, size_t n) {
+    const char* colon = static_cast<const char*>(memchr(data, ':', n));
+    if (colon == nullptr) {
+        return RefuseHttp("its header holds a line that is not a field (\"name: value\")");
+    }
+    const std::string name(data, colon);
+    const std::string value = Trim(colon + 1, data + n);
+    if (strcasecmp(name.c_str(), "Content-Length") == 0) {
+        // One decimal number; repeated fields, or a list in one field, must all agree.
+        size_t at = 0;
+        do {
+            size_t comma = value.find(',', at);
+            std::string item =
+                Trim(value.c_str() + at,
+                     value.c_str() + (comma == std::string::npos ? value.size() : comma));
+            at = comma == std::string::npos ? std::string::npos : comma + 1;
+            if (item.empty() || item.size() > 18 ||
+                item.find_first_not_of("0123456789") != std::string::npos) {
+                return RefuseHttp("its Content-Length \"" + value + "\" is not a length");
+            }
+            const long long length = strtoll(item.c_str(), nullptr, 10);
+            if (_contentLength >= 0 && _contentLength != length) {
+                return RefuseHttp("it announces two different Content-Length values (" +
+                                  std::to_string(_contentLength) + " and " + item + ")");
+            }
+            _contentLength = length;
+        } while (at != std::string::npos);
+    } else if (strcasecmp(name.c_str(), "Transfer-Encoding") == 0) {
+        _transferEncoding = true;
+    } else if (strcasecmp(name.c_str(), "Content-Encoding") == 0 &&
+               strcasecmp(value.c_str(), "identity") != 0) {
+        // librk asks for no content coding (no Accept-Encoding), so it decodes none.
+        return RefuseHttp("its body is encoded with \"" + value +
+                          "\", which librk did not ask for");
+    }
+    return true;
+}
+
+bool CurlConnection::EndOfHeader() {
+    if (_interim) {
+        _headerState = HeaderState::kStatusLine;
+        return true;
+    }
+    _headerState = HeaderState::kBody;
+    if (_transferEncoding && _contentLength >= 0) {
+        return RefuseHttp("it has both Transfer-Encoding and Content-Length");
+    }
+    // The announced length sizes the buffer at once, but never beyond the limit: a length over
+    // it is refused by libcurl (CURLOPT_MAXFILESIZE_LARGE), and a body may be shorter.
+    if (_contentLength > 0 && !_transferEncoding &&
+        static_cast<unsigned long long>(_contentLength) <= _limit &&
+        !_body.Reserve(static_cast<size_t>(_contentLength))) {
+        _outOfMemory = true;
+        return false;
+    }
+    return true;
+}
+
+int CurlConnection::OnPrereq(void* self, char*, char*, int, int) {
+    static_cast<CurlConnection*>(self)->_requestSent = true;
+    return CURL_PREREQFUNC_OK;
+}
+
+// A call opens a new connection to send its request once; libcurl asks for one after the
+// request went out only to send it again, which is refused before anything is connected.
+curl_socket_t CurlConnection::OnOpenSocket(void* self, curlsocktype, curl_sockaddr* address) {
+    auto* c = static_cast<CurlConnection*>(self);
+    if (c->_requestSent) {
+        c->_resendRefused = true;
+        return CURL_SOCKET_BAD;  // libcurl ends the transfer with CURLE_COULDNT_CONNECT
+    }
+    return socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
 }
 
 }  // namespace
