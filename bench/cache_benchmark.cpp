@@ -4,7 +4,8 @@
 // the cache is emptied after every call, so that the descriptor's next open connects, probes
 // the new connection with the version call, and the handle is closed after its one call.
 // Both sides take the runtime's own path. Over HTTPS the server has a self-signed
-// certificate, which the handles trust through librk's process-wide default CA file.
+// certificate, which the handles trust through librk's process-wide default CA file. Last, a
+// fresh HTTPS handle with TLS session resumption against the same with it turned off.
 
 #include <benchmark/benchmark.h>
 
@@ -83,11 +84,42 @@ void HttpsFresh(benchmark::State& state) {
     CallRepeatedly(state, TezaServerConnection::TRANSPORT_HTTPS, true);
 }
 
+// A fresh HTTPS handle through the runtime for every call (connect, probe, call, close), with
+// librk's TLS session resumption on and off: with it, every handshake after the first resumes
+// the session of the handle before.
+class Resumption {
+  public:
+    explicit Resumption(bool on) : _previous(rk_set_tls_session_resumption(on ? 1 : 0)) {}
+    ~Resumption() { rk_set_tls_session_resumption(_previous); }
+    Resumption(const Resumption&) = delete;
+    Resumption& operator=(const Resumption&) = delete;
+
+  private:
+    const int _previous;
+};
+
+void HttpsFreshResumed(benchmark::State& state) {
+    Resumption on(true);
+    CallRepeatedly(state, TezaServerConnection::TRANSPORT_HTTPS, true);
+}
+void HttpsFreshFullHandshake(benchmark::State& state) {
+    Resumption off(false);
+    CallRepeatedly(state, TezaServerConnection::TRANSPORT_HTTPS, true);
+}
+
 // Wall-clock time: most of a call is spent waiting for the server.
 BENCHMARK(HttpCached)->Name("cache/http/runtime")->UseRealTime()->Unit(benchmark::kMicrosecond);
 BENCHMARK(HttpFresh)->Name("cache/http/reference")->UseRealTime()->Unit(benchmark::kMicrosecond);
 BENCHMARK(HttpsCached)->Name("cache/https/runtime")->UseRealTime()->Unit(benchmark::kMicrosecond);
 BENCHMARK(HttpsFresh)->Name("cache/https/reference")->UseRealTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(HttpsFreshResumed)
+    ->Name("resumption/https_fresh/resumed")
+    ->UseRealTime()
+    ->Unit(benchmark::kMicrosecond);
+BENCHMARK(HttpsFreshFullHandshake)
+    ->Name("resumption/https_fresh/full")
+    ->UseRealTime()
+    ->Unit(benchmark::kMicrosecond);
 
 }  // namespace
 }  // namespace teza_bench

@@ -88,6 +88,13 @@ FIGURES = [
            "test's ECDSA P-256 certificate, the probe's round trip; about 2 ms here) over one "
            "cached call, and a cached call's loopback round trip takes 200 to 300 µs on this "
            "machine (see the transport rows) instead of the usual tens of microseconds"),
+    Figure("TLS session resumption",
+           "fresh HTTPS handle through the runtime (connect, probe, call): resumed against a "
+           "full handshake", "resumption/https_fresh/resumed", "resumption/https_fresh/full",
+           "slower", 0.5, "real_time",
+           "a resumed handshake still costs a connection, a key exchange and one more round "
+           "trip than a cached handle, and every round trip on this loaded machine takes "
+           "200 to 300 µs"),
     Figure("Transport", "version probe, 1 thread", "transport/http/librk/account_get:0/threads:1",
            "transport/http/reference/account_get:0/threads:1", "rate", 0.8, "items_per_second",
            "librk writes the request as XML and parses the answer into a tree on every call"),

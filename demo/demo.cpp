@@ -20,6 +20,7 @@
 #include "TezaServerConnection.h"
 #include "TezaStatus.h"
 #include "TezaWrapper.h"
+#include "credentials.h"
 #include "demo.h"
 #include "demo_service.h"
 #include "inprocess_server.h"
@@ -32,21 +33,21 @@ const char kInProcessName[] = "demo-node";
 const int kMajor = 1;
 const int kMinor = 21;
 
-const char kUsage[] =
-    "usage: teza-demo [--host HOST --port PORT [--tls [--ca FILE]]] [--user LOGIN]\n"
-    "                 [--password PASSWORD]\n"
+const char kUsageHead[] =
+    "usage: teza-demo [--host HOST --port PORT [--tls [--ca FILE]]] [credentials]\n"
     "Without --host the demo service runs inside this process. With --host and --port the\n"
     "calls go to a tezad over HTTP, with --tls over HTTPS (--ca: the PEM file of the\n"
     "certificates the server's must chain to). The user is admin, password secret, unless\n"
-    "given.\n";
+    "credentials are given.\n";
+const std::string kUsage = std::string(kUsageHead) + teza_tools::kCredentialUsage;
 
 struct Options {
     std::string host;
     int port = 0;
     bool tls = false;
     std::string caFile;
-    std::string login = "admin";
-    std::string password = "secret";
+    teza_tools::CredentialOptions credentialOptions;
+    teza_tools::Credentials credentials;
 };
 
 bool ParseOptions(int argc, char** argv, Options* options) {
@@ -54,8 +55,10 @@ bool ParseOptions(int argc, char** argv, Options* options) {
         const std::string arg = argv[i];
         const bool hasValue = i + 1 < argc;
         if (arg == "--help" || arg == "-h") {
-            fputs(kUsage, stdout);
+            fputs(kUsage.c_str(), stdout);
             exit(0);
+        } else if (teza_tools::ParseCredentialOption(argc, argv, &i, &options->credentialOptions)) {
+            continue;
         } else if (arg == "--tls") {
             options->tls = true;
         } else if (arg == "--host" && hasValue) {
@@ -70,13 +73,9 @@ bool ParseOptions(int argc, char** argv, Options* options) {
             options->port = static_cast<int>(port);
         } else if (arg == "--ca" && hasValue) {
             options->caFile = argv[++i];
-        } else if (arg == "--user" && hasValue) {
-            options->login = argv[++i];
-        } else if (arg == "--password" && hasValue) {
-            options->password = argv[++i];
         } else {
             fprintf(stderr, "teza-demo: unknown or incomplete option '%s'\n%s", arg.c_str(),
-                    kUsage);
+                    kUsage.c_str());
             return false;
         }
     }
@@ -88,15 +87,27 @@ bool ParseOptions(int argc, char** argv, Options* options) {
         fprintf(stderr, "teza-demo: --tls and --ca need --host and --port\n");
         return false;
     }
+    std::string error;
+    if (!teza_tools::ResolveCredentials(options->credentialOptions, "admin", "secret",
+                                        &options->credentials, &error)) {
+        fprintf(stderr, "teza-demo: %s\n", error.c_str());
+        return false;
+    }
+    if (options->credentials.style == RK_STYLE_CERTIFICATE && !options->tls) {
+        fprintf(stderr, "teza-demo: the certificate style needs --host, --port and --tls\n");
+        return false;
+    }
     return true;
 }
 
+// In the token style the descriptor's password is the token.
 TezaServerConnection MakeDescriptor(const std::string& host,
                                     TezaServerConnection::Transport transport, int port,
                                     const Options& options) {
-    return TezaServerConnection(host, kMajor, kMinor, TezaServerConnection::STYLE_LOGIN_PASSWORD,
-                                transport, port, TezaServerConnection::SERVER_TYPE_NODE, 60, 15,
-                                options.login, options.password, 5);
+    const teza_tools::Credentials& c = options.credentials;
+    return TezaServerConnection(
+        host, kMajor, kMinor, static_cast<TezaServerConnection::Style>(c.style), transport, port,
+        TezaServerConnection::SERVER_TYPE_NODE, 60, 15, c.login, c.password, 5);
 }
 
 // invoke decodes the reason of a failed call; the reason of a failed connection is the client
@@ -347,8 +358,11 @@ int ShowQuarantine(const Options& options) {
         printf("no loopback port for this part: %s\n", strerror(errno));
         return 1;
     }
+    // The login style whatever the options said: the point is the server that is down.
+    Options loginStyle = options;
+    loginStyle.credentials.style = RK_STYLE_LOGIN_PASSWORD;
     TezaServerConnection down =
-        MakeDescriptor(kDownHost, TezaServerConnection::TRANSPORT_HTTP, port, options);
+        MakeDescriptor(kDownHost, TezaServerConnection::TRANSPORT_HTTP, port, loginStyle);
     down.setUseHealthChecker(true);
     printf("server: %s:%d (nothing listens there)\n", kDownHost, port);
     demo::AccountInterface accounts(down);
@@ -382,7 +396,12 @@ int main(int argc, char** argv) {
         tezad::CoreOptions coreOptions;
         coreOptions.major = kMajor;
         coreOptions.minor = 30;
-        coreOptions.users[options.login] = options.password;
+        const teza_tools::Credentials& c = options.credentials;
+        if (c.style == RK_STYLE_TOKEN) {
+            coreOptions.tokens.insert(c.password);
+        } else if (c.style == RK_STYLE_LOGIN_PASSWORD) {
+            coreOptions.users[c.login] = c.password;
+        }
         core.reset(new tezad::ServiceCore(coreOptions));
         service.Install(core.get());
         inProcess.reset(new tezad::InProcessServer(kInProcessName, core.get()));
@@ -410,9 +429,16 @@ int main(int argc, char** argv) {
         const TezaServerConnection::Transport transport =
             options.tls ? TezaServerConnection::TRANSPORT_HTTPS
                         : TezaServerConnection::TRANSPORT_HTTP;
-        // The runtime opens its handles itself: the CA file reaches them as librk's default.
+        // The runtime opens its handles itself: the CA file and the client certificate reach
+        // them as librk's defaults.
         if (options.tls && !options.caFile.empty()) {
             rk_set_default_ca_file(options.caFile.c_str());
+        }
+        const teza_tools::Credentials& c = options.credentials;
+        if (!c.certFile.empty()) {
+            rk_set_default_client_cert(c.certFile.c_str(),
+                                       c.keyFile.empty() ? nullptr : c.keyFile.c_str(),
+                                       c.hasKeyPassphrase ? c.keyPassphrase.c_str() : nullptr);
         }
         unexpected += RunCalls(MakeDescriptor(options.host, transport, options.port, options));
     }

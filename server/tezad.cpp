@@ -23,9 +23,13 @@ const char kUsage[] =
     "  --tls-cert FILE         serve HTTPS with this certificate (PEM) ...\n"
     "  --tls-key FILE          ... and this private key (PEM)\n"
     "  --client-ca FILE        require client certificates signed by these CAs (PEM)\n"
-    "  --user LOGIN:PASSWORD   accept this user (repeatable); without users, calls need no\n"
-    "                          credentials\n"
+    "  --cert-user CN          accept a verified client certificate whose subject CN is this\n"
+    "                          (repeatable; needs --client-ca)\n"
+    "  --user LOGIN:PASSWORD   accept this user (repeatable); without users, tokens or\n"
+    "                          certificate users, calls need no credentials\n"
     "  --users-file FILE       accept the users of FILE, one LOGIN:PASSWORD a line\n"
+    "  --token TOKEN           accept this bearer token (repeatable)\n"
+    "  --tokens-file FILE      accept the bearer tokens of FILE, one a line\n"
     "  --type TYPE             node, cluster, agent or depot, or 1 to 4 (default node)\n"
     "  --api-version M.N       serve API versions M.0 to M.N (default 1.30)\n"
     "  --key TEXT              key of encrypted values (default: the client library's)\n"
@@ -126,6 +130,31 @@ int main(int argc, char** argv) {
                     return Fail(std::string(v) + ": a line is not LOGIN:PASSWORD");
                 }
             }
+        } else if (arg == "--cert-user") {
+            if (*v == '\0') {
+                return Fail("--cert-user needs a common name");
+            }
+            core.certUsers.insert(v);
+        } else if (arg == "--token") {
+            if (*v == '\0') {
+                return Fail("--token needs a token");
+            }
+            core.tokens.insert(v);
+        } else if (arg == "--tokens-file") {
+            std::ifstream in(v);
+            if (!in) {
+                return Fail(std::string("cannot read ") + v);
+            }
+            std::string line;
+            while (std::getline(in, line)) {
+                while (!line.empty() &&
+                       (line.back() == '\r' || line.back() == ' ' || line.back() == '\t')) {
+                    line.pop_back();
+                }
+                if (!line.empty() && line[0] != '#') {
+                    core.tokens.insert(line);
+                }
+            }
         } else if (arg == "--type") {
             if (!ParseType(v, &core.serverType)) {
                 return Fail(std::string("bad server type: ") + v);
@@ -153,6 +182,12 @@ int main(int argc, char** argv) {
     if (http.certFile.empty() != http.keyFile.empty()) {
         return Fail("--tls-cert and --tls-key go together");
     }
+    if (!http.clientCaFile.empty() && http.certFile.empty()) {
+        return Fail("--client-ca needs --tls-cert and --tls-key");
+    }
+    if (!core.certUsers.empty() && http.clientCaFile.empty()) {
+        return Fail("--cert-user needs --client-ca: certificates are verified against it");
+    }
 
     // Stop signals are taken by sigwait below; every thread started from here inherits the
     // blocked mask. A peer closing its end must never end the server.
@@ -176,7 +211,7 @@ int main(int argc, char** argv) {
         }
         service.SetScript(std::move(script));
     }
-    if (core.users.empty()) {
+    if (!core.NeedsCredentials()) {
         fprintf(stderr, "tezad: no users configured: calls need no credentials\n");
     }
 

@@ -21,6 +21,8 @@ rk_elem_t* InProcessServer::Answer(void* context, const rk_inprocess_call_t* cal
         info.hasCredentials = call->login != nullptr;
         info.login = call->login != nullptr ? call->login : "";
         info.password = call->password != nullptr ? call->password : "";
+        info.hasToken = call->token != nullptr;
+        info.token = call->token != nullptr ? call->token : "";
         info.hasVersion = true;
         info.major = call->major;
         info.minor = call->minor;

@@ -100,15 +100,68 @@ Reply ServiceCore::Dispatch(const CallInfo& info, rk_elem_t* request) {
     return reply;
 }
 
-ElemPtr ServiceCore::Refusal(const CallInfo& info, int* httpStatus) const {
+// Why a call without a matching credential is refused: the credential it brought, or the
+// ones the server takes. Secrets are never part of the text.
+std::string ServiceCore::CredentialProblem(const CallInfo& info) const {
+    if (info.hasCredentials) {
+        return "login or password is wrong";
+    }
+    if (info.hasToken) {
+        return "the token is wrong";
+    }
+    if (info.certificate == ClientCertificate::Verified) {
+        return "the client certificate's subject CN \"" + info.certificateName +
+               "\" is not a user of this server";
+    }
+    if (_options.tokens.empty() && _options.certUsers.empty()) {
+        return "this server needs a login and a password";
+    }
+    std::string accepted;
     if (!_options.users.empty()) {
-        auto user = info.hasCredentials ? _options.users.find(info.login) : _options.users.end();
-        if (user == _options.users.end() || !SamePassword(info.password, user->second)) {
-            *httpStatus = 401;
-            return NewFailed(info.hasCredentials ? "login or password is wrong"
-                                                 : "this server needs a login and a password",
-                             kErrAuthentication);
+        accepted = "a login and a password";
+    }
+    if (!_options.tokens.empty()) {
+        accepted += std::string(accepted.empty() ? "" : ", ") + "a bearer token";
+    }
+    if (!_options.certUsers.empty()) {
+        accepted += std::string(accepted.empty() ? "" : ", ") + "a client certificate";
+    }
+    return "this server needs credentials: " + accepted;
+}
+
+bool ServiceCore::Authenticated(const CallInfo& info) const {
+    if (info.certificate == ClientCertificate::Verified &&
+        _options.certUsers.count(info.certificateName) != 0) {
+        return true;
+    }
+    if (info.hasCredentials) {
+        auto user = _options.users.find(info.login);
+        if (user != _options.users.end() && SamePassword(info.password, user->second)) {
+            return true;
         }
+    }
+    if (info.hasToken) {
+        // Every token is compared, in a time that does not depend on which one matches.
+        bool matched = false;
+        for (const std::string& token : _options.tokens) {
+            matched |= SamePassword(info.token, token);
+        }
+        return matched;
+    }
+    return false;
+}
+
+ElemPtr ServiceCore::Refusal(const CallInfo& info, int* httpStatus) const {
+    if (info.certificateRequired && info.certificate != ClientCertificate::Verified) {
+        *httpStatus = 401;
+        return NewFailed(info.certificate == ClientCertificate::None
+                             ? "this server needs a client certificate signed by its CA"
+                             : "the client certificate was refused: " + info.certificateProblem,
+                         kErrAuthentication);
+    }
+    if (_options.NeedsCredentials() && !Authenticated(info)) {
+        *httpStatus = 401;
+        return NewFailed(CredentialProblem(info), kErrAuthentication);
     }
     const std::string served = std::to_string(_options.major) + ".0 to " +
                                std::to_string(_options.major) + "." +
@@ -204,6 +257,7 @@ ElemPtr ServiceCore::Builtin(const std::string& api) const {
         AddText(result.get(), "connections-accepted", std::to_string(counters.connections));
         AddText(result.get(), "connections-open", std::to_string(counters.openConnections));
         AddText(result.get(), "calls-served", std::to_string(counters.calls));
+        AddText(result.get(), "tls-sessions-resumed", std::to_string(counters.tlsSessionsResumed));
         rk_elem_t* list = AddElem(result.get(), "api-calls");
         for (const auto& [name, calls] : counters.callsPerApi) {
             rk_elem_t* item = AddElem(list, "api-call");
@@ -219,6 +273,7 @@ Counters ServiceCore::GetCounters() const {
     Counters counters;
     counters.connections = _connections.load(std::memory_order_relaxed);
     counters.openConnections = _openConnections.load(std::memory_order_relaxed);
+    counters.tlsSessionsResumed = _tlsSessionsResumed.load(std::memory_order_relaxed);
     std::lock_guard<std::mutex> lock(_countersMutex);
     counters.callsPerApi = _calls;
     for (const auto& entry : _calls) {

@@ -17,6 +17,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 
 #include "elements.h"
@@ -42,8 +43,24 @@ struct CoreOptions {
     int major = 1;  // calls of this major version and a minor version up to `minor` are served
     int minor = 0;
     int serverType = RK_SERVER_TYPE_NODE;
-    // Login to password. Empty: calls are served without credentials, and any are accepted.
+    // Login to password.
     std::map<std::string, std::string> users;
+    // Bearer tokens accepted.
+    std::set<std::string> tokens;
+    // Subject common names of verified client certificates accepted as users.
+    std::set<std::string> certUsers;
+    // Without users, tokens and certificate users, calls are served without credentials and
+    // any are accepted. With some, a call passes with any one credential that matches.
+    bool NeedsCredentials() const {
+        return !users.empty() || !tokens.empty() || !certUsers.empty();
+    }
+};
+
+// What a TLS front end learnt of the client's certificate.
+enum class ClientCertificate {
+    None,      // no TLS, or no certificate shown
+    Refused,   // shown but not verified (another CA, expired...): `certificateProblem` says why
+    Verified,  // verified against the client CA file: `certificateName` is its subject CN
 };
 
 // What a front end knows of a call besides its request.
@@ -51,6 +68,14 @@ struct CallInfo {
     bool hasCredentials = false;
     std::string login;
     std::string password;
+    bool hasToken = false;
+    std::string token;
+    // Set by a front end that asks for client certificates and refuses calls without a verified
+    // one (tezad --client-ca).
+    bool certificateRequired = false;
+    ClientCertificate certificate = ClientCertificate::None;
+    std::string certificateName;
+    std::string certificateProblem;
     bool hasVersion = false;
     int major = 0;
     int minor = 0;
@@ -80,6 +105,7 @@ struct Counters {
     uint64_t openConnections = 0;  // accepted and not yet closed
     uint64_t calls = 0;
     std::map<std::string, uint64_t> callsPerApi;
+    uint64_t tlsSessionsResumed = 0;  // TLS handshakes that resumed an earlier session
 };
 
 // A handler answers one call of its API with a new result element, or throws ApiError.
@@ -108,6 +134,7 @@ class ServiceCore {
         _openConnections.fetch_add(1, std::memory_order_relaxed);
     }
     void CountConnectionClosed() { _openConnections.fetch_sub(1, std::memory_order_relaxed); }
+    void CountTlsSessionResumed() { _tlsSessionsResumed.fetch_add(1, std::memory_order_relaxed); }
     Counters GetCounters() const;
     // "<n> connections accepted, <o> open, <m> calls served (api1 n1, api2 n2, ...)".
     std::string CountersLine() const;
@@ -119,6 +146,8 @@ class ServiceCore {
   private:
     Reply Dispatch(const CallInfo& info, rk_elem_t* request);
     ElemPtr Refusal(const CallInfo& info, int* httpStatus) const;
+    bool Authenticated(const CallInfo& info) const;
+    std::string CredentialProblem(const CallInfo& info) const;
     Reply Scripted(const ScriptAction& action, rk_elem_t* request);
     ElemPtr Builtin(const std::string& api) const;
     void Wait(std::chrono::milliseconds delay);
@@ -130,6 +159,7 @@ class ServiceCore {
 
     std::atomic<uint64_t> _connections{0};
     std::atomic<uint64_t> _openConnections{0};
+    std::atomic<uint64_t> _tlsSessionsResumed{0};
     mutable std::mutex _countersMutex;
     std::map<std::string, uint64_t> _calls;  // guarded by `_countersMutex`
 

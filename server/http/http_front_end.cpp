@@ -7,6 +7,7 @@
 #include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/ssl.h>
+#include <openssl/x509.h>
 #include <poll.h>
 #include <signal.h>
 #include <stdio.h>
@@ -75,17 +76,38 @@ class Connection final : public httplib::Stream {
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
 
-    // TLS: the server's side of the handshake, once, before the first request.
+    // TLS: the server's side of the handshake, once, before the first request. Notes what
+    // the client's certificate is worth, for every call of the connection.
     bool Handshake(SSL_CTX* tls, std::string* error) {
         _ssl = SSL_new(tls);
         if (_ssl == nullptr || SSL_set_fd(_ssl, _fd) != 1 || SSL_accept(_ssl) != 1) {
             *error = OpenSslError();
             return false;
         }
+        // A resumed session keeps the certificate and verification result of its first
+        // handshake.
+        if (X509* peer = SSL_get0_peer_certificate(_ssl)) {
+            const long verified = SSL_get_verify_result(_ssl);
+            if (verified == X509_V_OK) {
+                _certificate = ClientCertificate::Verified;
+                _certificateName = CommonName(peer);
+            } else {
+                _certificate = ClientCertificate::Refused;
+                _certificateProblem = X509_verify_cert_error_string(verified);
+            }
+        }
         return true;
     }
     bool secured() const { return _ssl != nullptr; }
+    bool resumed() const { return _ssl != nullptr && SSL_session_reused(_ssl) == 1; }
     SSL* ssl() const { return _ssl; }
+
+    // Adds what the handshake learnt of the client's certificate.
+    void DescribeCertificate(CallInfo* info) const {
+        info->certificate = _certificate;
+        info->certificateName = _certificateName;
+        info->certificateProblem = _certificateProblem;
+    }
 
     bool is_readable() const override { return Buffered() || Poll(POLLIN, _timeoutMs); }
     bool is_writable() const override { return !_aborted && Poll(POLLOUT, _timeoutMs); }
@@ -218,8 +240,19 @@ class Connection final : public httplib::Stream {
         *ip = text;
     }
 
+    // The subject's common name; empty when it has none.
+    static std::string CommonName(X509* certificate) {
+        char name[256] = "";
+        int n = X509_NAME_get_text_by_NID(X509_get_subject_name(certificate), NID_commonName, name,
+                                          sizeof name);
+        return n > 0 ? std::string(name, static_cast<size_t>(n)) : std::string();
+    }
+
     const int _fd;
     SSL* _ssl = nullptr;
+    ClientCertificate _certificate = ClientCertificate::None;
+    std::string _certificateName;
+    std::string _certificateProblem;
     const int _timeoutMs;
     bool _aborted = false;
     bool _reset = false;
@@ -276,7 +309,10 @@ bool ParseInt(const std::string& text, int* out) {
 CallInfo ReadCallInfo(const httplib::Request& req) {
     CallInfo info;
     const std::string auth = req.get_header_value("Authorization");
-    if (auth.size() > 6 && strncasecmp(auth.c_str(), "Basic ", 6) == 0) {
+    if (auth.size() > 7 && strncasecmp(auth.c_str(), "Bearer ", 7) == 0) {
+        info.hasToken = true;
+        info.token = auth.substr(7);
+    } else if (auth.size() > 6 && strncasecmp(auth.c_str(), "Basic ", 6) == 0) {
         const std::string pair = DecodeBase64(auth.substr(6));
         const size_t colon = pair.find(':');
         if (colon != std::string::npos) {
@@ -322,8 +358,16 @@ SSL_CTX* NewTlsContext(const HttpOptions& o, std::string* error) {
         if (STACK_OF(X509_NAME)* names = SSL_load_client_CA_file(o.clientCaFile.c_str())) {
             SSL_CTX_set_client_CA_list(ctx, names);
         }
-        SSL_CTX_set_verify(ctx, SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT, nullptr);
+        // The handshake goes through whatever the client shows; each call is then refused
+        // with 401 and the reason (no certificate, expired, another CA...) unless the
+        // certificate was verified, which tells a client far more than a TLS alert.
+        SSL_CTX_set_verify(ctx, SSL_VERIFY_PEER, [](int, X509_STORE_CTX*) { return 1; });
     }
+    // Sessions are resumed (TLS 1.3 tickets, the TLS 1.2 session cache) by clients that
+    // connect again; the context names the sessions this server made, which OpenSSL requires
+    // before it resumes a session whose client certificate it verified.
+    static const unsigned char kSessionContext[] = "tezad";
+    SSL_CTX_set_session_id_context(ctx, kSessionContext, sizeof kSessionContext - 1);
     return ctx;
 }
 
@@ -331,7 +375,8 @@ SSL_CTX* NewTlsContext(const HttpOptions& o, std::string* error) {
 
 class HttpFrontEnd::Server final : public httplib::Server {
   public:
-    Server(ServiceCore* core, const HttpOptions& options) : _core(core) {
+    Server(ServiceCore* core, const HttpOptions& options)
+        : _core(core), _certificateRequired(!options.clientCaFile.empty()) {
         set_tcp_nodelay(true);
         set_keep_alive_max_count(kMaxCallsPerConnection);
         set_keep_alive_timeout(options.keepAliveSeconds);
@@ -360,6 +405,7 @@ class HttpFrontEnd::Server final : public httplib::Server {
     void Answer(const httplib::Request& req, httplib::Response& res);
 
     ServiceCore* const _core;
+    const bool _certificateRequired;  // --client-ca: calls need a verified certificate
     ConnectionPool* _pool = nullptr;
 };
 
@@ -487,7 +533,11 @@ class HttpFrontEnd::ConnectionPool {
     void Serve(std::unique_ptr<Connection> c) {
         if (_tls != nullptr && !c->secured()) {
             std::string error;
-            if (!c->Handshake(_tls, &error)) {
+            if (c->Handshake(_tls, &error)) {
+                if (c->resumed()) {
+                    _core->CountTlsSessionResumed();
+                }
+            } else {
                 if (_options.verbose) {
                     fprintf(stderr, "tezad: TLS handshake failed: %s\n", error.c_str());
                 }
@@ -666,7 +716,12 @@ void HttpFrontEnd::Server::Answer(const httplib::Request& req, httplib::Response
     if (tConnection != nullptr) {
         tConnection->CountCall();
     }
-    Reply reply = _core->Handle(ReadCallInfo(req), req.body.data(), req.body.size());
+    CallInfo info = ReadCallInfo(req);
+    info.certificateRequired = _certificateRequired;
+    if (tConnection != nullptr) {
+        tConnection->DescribeCertificate(&info);
+    }
+    Reply reply = _core->Handle(info, req.body.data(), req.body.size());
     switch (reply.kind) {
         case Reply::Kind::Result:
             res.status = reply.httpStatus;

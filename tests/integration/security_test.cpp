@@ -35,6 +35,10 @@ const char kLogin[] = "keeper";
 const char kPassword[] = "Pw-7q!Zx~only-in-memory-4711";
 const char kWrongPassword[] = "Wr0ng-pw:also-secret-0815";
 const char kSecretValue[] = "clear-field-value-6c1e";
+const char kToken[] = "Tk-bearer-9d3f-only-in-memory";
+const char kWrongToken[] = "Tk-wrong-bearer-77a0-secret";
+const char kKeyPassphrase[] = "Kp-key-pass-phrase-5b2c";
+const char kWrongKeyPassphrase[] = "Kp-wrong-pass-phrase-31e8";
 
 TezaServerConnection Descriptor(
     int port, const std::string& password = kPassword,
@@ -73,8 +77,15 @@ std::string Base64(const std::string& in) {
 // Everything that must not be found: the passwords, their HTTP basic authentication form, and
 // the clear text of an encrypted field.
 std::vector<std::string> Forbidden() {
-    return {kPassword, kWrongPassword, Base64(std::string(kLogin) + ":" + kPassword),
-            Base64(std::string(kLogin) + ":" + kWrongPassword), kSecretValue};
+    return {kPassword,
+            kWrongPassword,
+            Base64(std::string(kLogin) + ":" + kPassword),
+            Base64(std::string(kLogin) + ":" + kWrongPassword),
+            kSecretValue,
+            kToken,
+            kWrongToken,
+            kKeyPassphrase,
+            kWrongKeyPassphrase};
 }
 
 void ExpectClean(const std::string& where, const std::string& text) {
@@ -226,6 +237,125 @@ TEST_F(HttpsVerification, TrustedCertificateForAnotherHostFails) {
     EXPECT_EQ(status.errnum, RK_ERR_TLS_UNTRUSTED) << status.reason;
     EXPECT_NE(status.reason.find("is not trusted"), std::string::npos) << status.reason;
     EXPECT_EQ(other.core().GetCounters().calls, 0u);
+}
+
+}  // namespace
+
+namespace {
+
+// --- Tokens and key pass phrases ---------------------------------------------------------------
+
+class StyleSecrets : public Credentials {
+  protected:
+    static void SetUpTestSuite() {
+        _dir = std::make_unique<TempDir>();
+        ASSERT_TRUE(teza_test::MakeCa(*_dir, "ca"));
+        ASSERT_TRUE(teza_test::MakeSignedCertificate(*_dir, "ca", "server", "localhost",
+                                                     "IP:127.0.0.1,DNS:localhost"));
+        ASSERT_TRUE(
+            teza_test::MakeSignedCertificate(*_dir, "ca", "keeper", kLogin, "", 2, kKeyPassphrase));
+    }
+    static void TearDownTestSuite() { _dir.reset(); }
+    void TearDown() override {
+        rk_set_default_ca_file(nullptr);
+        rk_set_default_client_cert(nullptr, nullptr, nullptr);
+        Credentials::TearDown();
+    }
+
+    static std::unique_ptr<TempDir> _dir;
+};
+
+std::unique_ptr<TempDir> StyleSecrets::_dir;
+
+TezaServerConnection StyleDescriptor(TezaServerConnection::Style style,
+                                     TezaServerConnection::Transport transport, int port,
+                                     const std::string& password) {
+    return TezaServerConnection("127.0.0.1", kMajor, kMinor, style, transport, port,
+                                TezaServerConnection::SERVER_TYPE_NODE, 10, 10, kLogin, password,
+                                10);
+}
+
+TEST_F(StyleSecrets, TokensAndKeyPassphrasesAppearInNoLogTraceOrErrorText) {
+    ServerConfig plain;
+    plain.core.users.clear();
+    plain.core.tokens = {kToken};
+    plain.script = "account-list fail 15999 listing refused\n";
+    TestServer tokenServer(plain);
+    ServerConfig tls;
+    tls.core.users.clear();
+    tls.core.certUsers = {kLogin};
+    tls.http.certFile = _dir->File("server.pem");
+    tls.http.keyFile = _dir->File("server.key");
+    tls.http.clientCaFile = _dir->File("ca.pem");
+    TestServer certServer(tls);
+    ASSERT_NE(rk_set_default_ca_file(_dir->File("ca.pem").c_str()), 0);
+    int marker = 0;
+    std::vector<std::string> errors;
+
+    const std::string out = testsupport::CapturedStdout([&] {
+        for (int level = 0; level <= 5; ++level) {
+            const bool force = level == 5;
+            Family::setTraceLevel(force ? 0 : level);
+            // The right and a wrong pass phrase of the client key, by turns, each on new
+            // handles: the cached ones of the level before are closed.
+            while (rk_server_t* cached = TezaConnectionCache::getConnection(
+                       "127.0.0.1", kMajor, kMinor, TezaServerConnection::STYLE_CERTIFICATE,
+                       TezaServerConnection::SERVER_TYPE_NODE,
+                       TezaServerConnection::TRANSPORT_HTTPS, certServer.port(), kLogin, "", 10)) {
+                rk_server_close(cached);
+            }
+            const char* phrase = level % 2 == 0 ? kKeyPassphrase : kWrongKeyPassphrase;
+            ASSERT_NE(rk_set_default_client_cert(_dir->File("keeper.pem").c_str(),
+                                                 _dir->File("keeper.key").c_str(), phrase),
+                      0);
+            for (const TezaServerConnection& connection :
+                 {StyleDescriptor(TezaServerConnection::STYLE_TOKEN,
+                                  TezaServerConnection::TRANSPORT_HTTP, tokenServer.port(), kToken),
+                  StyleDescriptor(TezaServerConnection::STYLE_TOKEN,
+                                  TezaServerConnection::TRANSPORT_HTTP, tokenServer.port(),
+                                  kWrongToken),
+                  StyleDescriptor(TezaServerConnection::STYLE_CERTIFICATE,
+                                  TezaServerConnection::TRANSPORT_HTTPS, certServer.port(), ""),
+                  StyleDescriptor(TezaServerConnection::STYLE_CERTIFICATE,
+                                  TezaServerConnection::TRANSPORT_HTTP, tokenServer.port(), "")}) {
+                demo::AccountInterface api(connection, force, &marker, "security");
+                demo::AccountCreateRequest create;
+                create.setName("styled" + std::to_string(level));
+                demo::AccountCreateReply created;
+                demo::AccountListReply list;
+                for (const TezaStatus& status :
+                     {api.accountCreate(create, created), api.accountList(list),
+                      api.systemGetCorviVersion()}) {
+                    errors.push_back(status.reason);
+                }
+                errors.push_back(connection.toString());
+            }
+        }
+    });
+
+    // The calls did happen, passing and failing in every way the test meant.
+    EXPECT_NE(out.find("styled3"), std::string::npos);
+    ExpectClean("standard output", out);
+    std::string hooked;
+    for (const testsupport::HookCall& call : testsupport::TakeHookCalls()) {
+        hooked += call.text;
+    }
+    EXPECT_NE(hooked.find("account-create"), std::string::npos);
+    ExpectClean("the trace hook's texts", hooked);
+    const std::string log = _log.Contents();
+    EXPECT_NE(log.find("connection failed"), std::string::npos);
+    ExpectClean("the log file", log);
+    std::string allErrors;
+    for (const std::string& error : errors) {
+        allErrors += error + "\n";
+    }
+    EXPECT_NE(allErrors.find("the token is wrong"), std::string::npos) << allErrors;
+    EXPECT_NE(allErrors.find("cannot set up TLS"), std::string::npos) << allErrors;
+    EXPECT_NE(allErrors.find("needs HTTPS"), std::string::npos) << allErrors;
+    EXPECT_NE(allErrors.find("listing refused"), std::string::npos) << allErrors;
+    ExpectClean("the error texts", allErrors);
+    // The certificate style passed with the right pass phrase.
+    EXPECT_GT(certServer.core().GetCounters().callsPerApi.count("account-create"), 0u);
 }
 
 }  // namespace

@@ -402,19 +402,34 @@ TEST_F(HttpTransport, SettersAcceptAnyValueOnAHandle) {
     EXPECT_EQ(rk_server_open(nullptr, 1, 0), nullptr);
 }
 
-TEST_F(HttpTransport, UnsupportedStylesAreRefused) {
+TEST_F(HttpTransport, StylesWhoseCredentialsCannotBeSentAreRefused) {
     RefusingPort refusing;
     ServerPtr h = OpenHandle("127.0.0.1", refusing.port());
     rk_server_set_style(h.get(), RK_STYLE_CERTIFICATE);
     Outcome outcome = Call(h.get(), "system-get-corvi-version");
+    EXPECT_EQ(outcome.errnum, RK_ERR_CERT_STYLE);
+    EXPECT_EQ(outcome.reason,
+              "connection style 1 (certificate) needs HTTPS, not the HTTP transport: use "
+              "transport 1 (HTTPS), or another style for this server");
+    rk_server_set_transport_type(h.get(), RK_TRANSPORT_HTTPS, nullptr);
+    outcome = Call(h.get(), "system-get-corvi-version");
+    EXPECT_EQ(outcome.errnum, RK_ERR_CERT_STYLE);
+    EXPECT_NE(outcome.reason.find("needs a client certificate"), std::string::npos) << outcome;
+
+    rk_server_set_style(h.get(), RK_STYLE_TOKEN);
+    rk_server_set_admin_user(h.get(), "admin", "");
+    outcome = Call(h.get(), "system-get-corvi-version");
+    EXPECT_EQ(outcome.errnum, RK_ERR_NO_TOKEN);
+    EXPECT_NE(outcome.reason.find("needs a token"), std::string::npos) << outcome;
+    rk_server_set_admin_user(h.get(), nullptr, nullptr);
+    EXPECT_EQ(Call(h.get(), "system-get-corvi-version").errnum, RK_ERR_NO_TOKEN);
+
+    rk_server_set_style(h.get(), 7);
+    outcome = Call(h.get(), "system-get-corvi-version");
     EXPECT_EQ(outcome.errnum, RK_ERR_STYLE);
     EXPECT_EQ(outcome.reason,
-              "connection style 1 (certificate) is not supported: use 0 (login and password) "
-              "or 3 (none)");
-    rk_server_set_style(h.get(), RK_STYLE_TOKEN);
-    EXPECT_EQ(Call(h.get(), "system-get-corvi-version").errnum, RK_ERR_STYLE);
-    rk_server_set_style(h.get(), 7);
-    EXPECT_EQ(Call(h.get(), "system-get-corvi-version").errnum, RK_ERR_STYLE);
+              "unknown connection style 7: use 0 (login and password), 1 (certificate), 2 "
+              "(token) or 3 (none)");
 }
 
 TEST_F(HttpTransport, InvalidSettingsAreRefusedWithReasons) {

@@ -133,6 +133,19 @@ TEST_F(WireFormat, StyleNoneSendsNoAuthorization) {
     EXPECT_NE(server.request().find("X-Teza-Server-Type: 0\r\n"), std::string::npos);
 }
 
+TEST_F(WireFormat, StyleTokenSendsTheBearerTokenAndNoLogin) {
+    BareServer server(Answer("HTTP/1.1 200 OK", "<results status=\"passed\"/>"));
+    ServerPtr h(rk_server_open("127.0.0.1", 1, 21));
+    rk_server_set_port(h.get(), server.port());
+    rk_server_set_admin_user(h.get(), "admin", "tk-Zz9.~+/=");
+    rk_server_set_style(h.get(), RK_STYLE_TOKEN);
+    EXPECT_EQ(Call(h.get(), "probe").status, 1);
+    EXPECT_NE(server.request().find("\r\nAuthorization: Bearer tk-Zz9.~+/=\r\n"), std::string::npos)
+        << server.request();
+    EXPECT_EQ(server.request().find("Basic"), std::string::npos);
+    EXPECT_EQ(server.request().find("admin"), std::string::npos);
+}
+
 TEST_F(WireFormat, FailedResultUnderAnErrorStatusIsReturned) {
     BareServer server(Answer("HTTP/1.1 401 Unauthorized",
                              "<results status=\"failed\" reason=\"no &amp; never\" "

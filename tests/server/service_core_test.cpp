@@ -129,6 +129,52 @@ TEST(ServiceCore, ChecksCredentialsFirst) {
     EXPECT_EQ(Send(core, "<x/>", info).httpStatus, 401);
 }
 
+TEST(ServiceCore, AnyMatchingCredentialAuthenticates) {
+    CoreOptions options = Options();
+    options.tokens = {"tk-1", "tk-2"};
+    options.certUsers = {"alice"};
+    ServiceCore core(options);
+    const std::string probe = "<system-get-corvi-version/>";
+    CallInfo token = GoodCall();
+    token.hasCredentials = false;
+    token.hasToken = true;
+    token.token = "tk-2";
+    EXPECT_EQ(Send(core, probe, token).httpStatus, 200);
+    token.token = "tk-3";
+    Reply refused = Send(core, probe, token);
+    EXPECT_EQ(refused.httpStatus, 401);
+    EXPECT_EQ(Reason(refused), "the token is wrong");
+
+    CallInfo certificate = GoodCall();
+    certificate.hasCredentials = false;
+    certificate.certificate = ClientCertificate::Verified;
+    certificate.certificateName = "alice";
+    EXPECT_EQ(Send(core, probe, certificate).httpStatus, 200);
+    certificate.certificateName = "bob";
+    EXPECT_EQ(Reason(Send(core, probe, certificate)),
+              "the client certificate's subject CN \"bob\" is not a user of this server");
+    // A certificate that was not verified is worth nothing, whatever its name.
+    certificate.certificate = ClientCertificate::Refused;
+    certificate.certificateName = "alice";
+    EXPECT_EQ(Send(core, probe, certificate).httpStatus, 401);
+    // Another credential still does, unless the front end requires a verified certificate.
+    certificate.hasCredentials = true;
+    EXPECT_EQ(Send(core, probe, certificate).httpStatus, 200);
+    certificate.certificateRequired = true;
+    certificate.certificateProblem = "certificate has expired";
+    EXPECT_EQ(Reason(Send(core, probe, certificate)),
+              "the client certificate was refused: certificate has expired");
+    certificate.certificate = ClientCertificate::None;
+    EXPECT_EQ(Reason(Send(core, probe, certificate)),
+              "this server needs a client certificate signed by its CA");
+
+    CallInfo nothing = GoodCall();
+    nothing.hasCredentials = false;
+    EXPECT_EQ(Reason(Send(core, probe, nothing)),
+              "this server needs credentials: a login and a password, a bearer token, a client "
+              "certificate");
+}
+
 TEST(ServiceCore, ChecksVersionAndType) {
     ServiceCore core(Options());
     CallInfo info = GoodCall();

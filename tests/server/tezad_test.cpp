@@ -72,7 +72,11 @@ TEST_F(Tezad, RefusesBadOptions) {
                                           {"--type", "teapot"},
                                           {"--tls-cert", "x.pem"},
                                           {"--user", "nopassword"},
-                                          {"--script", "/nonexistent/script"}}) {
+                                          {"--script", "/nonexistent/script"},
+                                          {"--token", ""},
+                                          {"--tokens-file", "/nonexistent/tokens"},
+                                          {"--cert-user", "alice"},
+                                          {"--client-ca", "ca.pem"}}) {
         TezadProcess tezad(TEZAD_PATH, _dir, args);
         EXPECT_EQ(tezad.Wait(), 2) << args[0];
     }
@@ -91,6 +95,69 @@ TEST_F(Tezad, ScriptOnAUnixSocket) {
     EXPECT_EQ(outcome.reason, "no job &lt;42&gt; here");
     EXPECT_EQ(tezad.Stop(SIGTERM), 0);
     EXPECT_NE(access(socket.c_str(), F_OK), 0) << "the socket file is removed";
+}
+
+// --- Credentials ----------------------------------------------------------------------------
+
+ServerPtr TokenHandle(int port, const char* token) {
+    ServerPtr h = OpenHandle("127.0.0.1", port);
+    rk_server_set_style(h.get(), RK_STYLE_TOKEN);
+    rk_server_set_admin_user(h.get(), "", token);
+    return h;
+}
+
+TEST_F(Tezad, AcceptsTheTokensOfItsOptionsAndFile) {
+    const std::string tokens =
+        _dir.Write("tokens", "# deploy tokens\n\ntk-from-file\ntk-with-spaces  \r\n");
+    TezadProcess tezad(TEZAD_PATH, _dir, With({"--token", "tk-option", "--tokens-file", tokens}));
+    for (const char* token : {"tk-option", "tk-from-file", "tk-with-spaces"}) {
+        ServerPtr h = TokenHandle(tezad.Port(), token);
+        Outcome outcome = Call(h.get(), "account-list");
+        EXPECT_EQ(outcome.status, 1) << token << ": " << outcome;
+    }
+    for (const char* token : {"tk-wrong", "# deploy tokens", "secret"}) {
+        ServerPtr h = TokenHandle(tezad.Port(), token);
+        Outcome outcome = Call(h.get(), "account-list");
+        EXPECT_EQ(outcome.errnum, 15001) << token;
+        EXPECT_EQ(outcome.reason, "the token is wrong");
+    }
+    // The users stay users.
+    ServerPtr user = OpenHandle("127.0.0.1", tezad.Port());
+    EXPECT_EQ(Call(user.get(), "account-list").status, 1);
+    EXPECT_EQ(tezad.Stop(SIGTERM), 0);
+}
+
+TEST_F(Tezad, TakesVerifiedCertificatesOfItsCertUsers) {
+    ASSERT_TRUE(MakeCa(_dir, "ca"));
+    ASSERT_TRUE(MakeSignedCertificate(_dir, "ca", "server", "localhost", "IP:127.0.0.1"));
+    ASSERT_TRUE(MakeSignedCertificate(_dir, "ca", "alice", "alice", ""));
+    ASSERT_TRUE(MakeSignedCertificate(_dir, "ca", "bob", "bob", ""));
+    TezadProcess tezad(TEZAD_PATH, _dir,
+                       {"--api-version", "1.21", "--tls-cert", _dir.File("server.pem"), "--tls-key",
+                        _dir.File("server.key"), "--client-ca", _dir.File("ca.pem"), "--cert-user",
+                        "alice", "--cert-user", "carol"});
+    auto handle = [&](const std::string& name) {
+        ServerPtr h = OpenHandle("127.0.0.1", tezad.Port(), RK_TRANSPORT_HTTPS);
+        rk_server_set_style(h.get(), RK_STYLE_CERTIFICATE);
+        rk_server_set_ca_file(h.get(), _dir.File("ca.pem").c_str());
+        rk_server_set_client_cert(h.get(), _dir.File(name + ".pem").c_str(),
+                                  _dir.File(name + ".key").c_str(), nullptr);
+        return h;
+    };
+    ServerPtr alice = handle("alice");
+    EXPECT_EQ(Call(alice.get(), "account-list").status, 1);
+    ServerPtr bob = handle("bob");
+    Outcome outcome = Call(bob.get(), "account-list");
+    EXPECT_EQ(outcome.errnum, 15001);
+    EXPECT_EQ(outcome.reason,
+              "the client certificate&apos;s subject CN &quot;bob&quot; is not a user of this "
+              "server");
+    // A second handle of alice resumes the first one's session, and tezad counts it.
+    ServerPtr again = handle("alice");
+    ElemPtr counters(rk_server_invoke(again.get(), "system-get-counters", nullptr));
+    ASSERT_EQ(rk_results_status(counters.get()), 1);
+    EXPECT_STREQ(rk_child_get_string(counters.get(), "tls-sessions-resumed"), "1");
+    EXPECT_EQ(tezad.Stop(SIGTERM), 0);
 }
 
 // --- Interoperability ------------------------------------------------------------------------

@@ -653,4 +653,18 @@ int rk_set_default_ca_file(const char* path) {
     return 1;
 }
 
+int rk_set_default_client_cert(const char* cert_path, const char* key_path,
+                               const char* key_passphrase) {
+    // The pass phrase is recorded as present or not, never as its text.
+    Record("rk_set_default_client_cert", cert_path == nullptr ? "(null)" : cert_path,
+           key_path == nullptr ? "(null)" : key_path,
+           key_passphrase == nullptr ? "(null)" : "passphrase");
+    return 1;
+}
+
+int rk_set_tls_session_resumption(int enabled) {
+    Record("rk_set_tls_session_resumption", enabled);
+    return 1;
+}
+
 }  // extern "C"

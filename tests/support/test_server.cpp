@@ -162,3 +162,53 @@ bool MakeCertificate(const TempDir& dir, const std::string& name, const std::str
 }
 
 }  // namespace teza_test
+
+namespace teza_test {
+
+namespace {
+
+bool RunOpenssl(const std::string& command) {
+    std::string output;
+    int status = RunCommand(command + " 2>&1", &output);
+    EXPECT_EQ(status, 0) << command << "\n" << output;
+    return status == 0;
+}
+
+}  // namespace
+
+bool MakeCa(const TempDir& dir, const std::string& name) {
+    return RunOpenssl(
+        "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 2 "
+        "-subj '/CN=tezad test CA " +
+        name + "' -keyout '" + dir.File(name + ".key") + "' -out '" + dir.File(name + ".pem") +
+        "'");
+}
+
+bool MakeSignedCertificate(const TempDir& dir, const std::string& ca, const std::string& name,
+                           const std::string& commonName, const std::string& altNames, int days,
+                           const std::string& passphrase) {
+    const std::string key = dir.File(name + ".key");
+    const std::string request = dir.File(name + ".csr");
+    std::string extensions = "basicConstraints=CA:FALSE\n";
+    if (!altNames.empty()) {
+        extensions += "subjectAltName=" + altNames + "\n";
+    }
+    const std::string extFile = dir.Write(name + ".ext", extensions);
+    bool made =
+        RunOpenssl(
+            "openssl req -new -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes "
+            "-subj '/CN=" +
+            commonName + "' -keyout '" + key + "' -out '" + request + "'") &&
+        // A negative number of days gives a certificate that ended before it began: expired.
+        RunOpenssl("openssl x509 -req -in '" + request + "' -CA '" + dir.File(ca + ".pem") +
+                   "' -CAkey '" + dir.File(ca + ".key") + "' -CAcreateserial -days " +
+                   std::to_string(days) + " -extfile '" + extFile + "' -out '" +
+                   dir.File(name + ".pem") + "'");
+    if (made && !passphrase.empty()) {
+        made = RunOpenssl("openssl pkey -in '" + key + "' -aes256 -passout 'pass:" + passphrase +
+                          "' -out '" + key + ".enc' && mv '" + key + ".enc' '" + key + "'");
+    }
+    return made;
+}
+
+}  // namespace teza_test

@@ -116,6 +116,16 @@ std::string ReadFile(const std::string& path);
 // `dir`/<name>.key, valid for the given subjectAltName (e.g. "IP:127.0.0.1,DNS:localhost").
 bool MakeCertificate(const TempDir& dir, const std::string& name, const std::string& altNames);
 
+// A certificate authority, made with the openssl command: `dir`/<name>.pem and <name>.key.
+bool MakeCa(const TempDir& dir, const std::string& name);
+
+// A certificate for the subject CN `commonName`, signed by the CA `ca` of MakeCa:
+// `dir`/<name>.pem and <name>.key. `altNames` (e.g. "IP:127.0.0.1") may be empty. It is valid
+// for `days`; -1 makes one that has already expired. A non-empty `passphrase` encrypts the key.
+bool MakeSignedCertificate(const TempDir& dir, const std::string& ca, const std::string& name,
+                           const std::string& commonName, const std::string& altNames, int days = 2,
+                           const std::string& passphrase = "");
+
 }  // namespace teza_test
 
 #endif  // TEZA_TESTS_TEST_SERVER_H_

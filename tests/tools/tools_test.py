@@ -5,7 +5,9 @@ here. Their output and exit status are checked.
 The programs come from the environment: TEZA_DEMO, TEZA_CALL and TEZAD."""
 
 import os
+import pty
 import re
+import select
 import shutil
 import signal
 import socket
@@ -17,6 +19,11 @@ DEMO = os.environ.get("TEZA_DEMO", "")
 CALL = os.environ.get("TEZA_CALL", "")
 TEZAD = os.environ.get("TEZAD", "")
 TIMEOUT = 60
+# Secrets the credential tests hand over; none may appear in any output.
+PASSWORD = "pw-tools-5e1b"
+TOKEN = "tk-tools-8c2d"
+WRONG_TOKEN = "tk-tools-wrong-40aa"
+KEY_PASSPHRASE = "kp-tools-77f3"
 
 # What every full run of the demo prints, in this order, whatever the server.
 DEMO_STEPS = [
@@ -89,6 +96,28 @@ class ToolsTest(unittest.TestCase):
                       "-keyout", cls.key, "-out", cls.cert])
         if result.returncode != 0:
             raise AssertionError("openssl: " + result.stderr)
+        # A CA of client certificates, and alice's certificate with a plain and an encrypted
+        # key.
+        cls.client_ca = os.path.join(cls.tmp, "ca.pem")
+        ca_key = os.path.join(cls.tmp, "ca.key")
+        cls.alice = os.path.join(cls.tmp, "alice.pem")
+        cls.alice_key = os.path.join(cls.tmp, "alice.key")
+        cls.alice_locked = os.path.join(cls.tmp, "alice-locked.key")
+        csr = os.path.join(cls.tmp, "alice.csr")
+        for command in (
+                ["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt",
+                 "ec_paramgen_curve:prime256v1", "-nodes", "-days", "2", "-subj", "/CN=tools CA",
+                 "-keyout", ca_key, "-out", cls.client_ca],
+                ["openssl", "req", "-new", "-newkey", "ec", "-pkeyopt",
+                 "ec_paramgen_curve:prime256v1", "-nodes", "-subj", "/CN=alice", "-keyout",
+                 cls.alice_key, "-out", csr],
+                ["openssl", "x509", "-req", "-in", csr, "-CA", cls.client_ca, "-CAkey", ca_key,
+                 "-CAcreateserial", "-days", "2", "-out", cls.alice],
+                ["openssl", "pkey", "-in", cls.alice_key, "-aes256", "-passout",
+                 "pass:" + KEY_PASSPHRASE, "-out", cls.alice_locked]):
+            result = run(command)
+            if result.returncode != 0:
+                raise AssertionError("openssl: " + result.stderr)
 
     @classmethod
     def tearDownClass(cls):
@@ -226,6 +255,150 @@ class ToolsTest(unittest.TestCase):
             result = self.call("--host", "127.0.0.1", "--port", port, "account-list")
         self.assertEqual(result.returncode, 1)
         self.assertIn("error 13055", result.stderr)
+
+    # --- Credentials off the command line -------------------------------------------------
+
+    def secret_file(self, name, text):
+        path = os.path.join(self.tmp, name)
+        with open(path, "w") as f:
+            f.write(text)
+        return path
+
+    def call_with(self, args, env=None, **kwargs):
+        environment = {k: v for k, v in os.environ.items()
+                       if k not in ("TEZA_PASSWORD", "TEZA_TOKEN")}
+        environment.update(env or {})
+        result = run([CALL, *args], env=environment, **kwargs)
+        for secret in (PASSWORD, TOKEN, WRONG_TOKEN, KEY_PASSPHRASE):
+            self.assertNotIn(secret, result.stdout + result.stderr)
+        return result
+
+    def test_call_password_from_a_file_or_the_environment(self):
+        server = self.start_tezad("--user", "keeper:" + PASSWORD)
+        base = ["--host", "127.0.0.1", "--port", server.port, "--user", "keeper"]
+        passed = self.call_with(
+            [*base, "--password-file", self.secret_file("pw", PASSWORD + "\n"), "account-list"])
+        self.assertEqual(passed.returncode, 0, passed.stderr)
+        passed = self.call_with([*base, "account-list"], env={"TEZA_PASSWORD": PASSWORD})
+        self.assertEqual(passed.returncode, 0, passed.stderr)
+        # Without a password from anywhere and no terminal, the empty one is sent and refused.
+        denied = self.call_with([*base, "account-list"], stdin=subprocess.DEVNULL)
+        self.assertEqual(denied.returncode, 1)
+        self.assertIn("error 15001", denied.stderr)
+
+    def test_call_missing_or_unreadable_password_file(self):
+        base = ["--host", "127.0.0.1", "--port", "1", "--user", "keeper"]
+        for path in (os.path.join(self.tmp, "no-such-file"), self.tmp):
+            result = self.call_with([*base, "--password-file", path, "account-list"])
+            self.assertEqual(result.returncode, 2, path)
+            self.assertEqual(result.stdout, "")
+            self.assertRegex(result.stderr,
+                             r"^teza-call: cannot read the password file " + re.escape(path) +
+                             r": (No such file or directory|Is a directory)\n$")
+
+    def test_call_token_from_a_file_or_the_environment(self):
+        server = self.start_tezad("--token", TOKEN)
+        base = ["--host", "127.0.0.1", "--port", server.port]
+        passed = self.call_with(
+            [*base, "--token-file", self.secret_file("token", TOKEN + "\n"), "account-list"])
+        self.assertEqual(passed.returncode, 0, passed.stderr)
+        passed = self.call_with([*base, "account-list"], env={"TEZA_TOKEN": TOKEN})
+        self.assertEqual(passed.returncode, 0, passed.stderr)
+        denied = self.call_with([*base, "account-list"], env={"TEZA_TOKEN": WRONG_TOKEN})
+        self.assertEqual(denied.returncode, 1)
+        self.assertIn("error 15001: the token is wrong", denied.stderr)
+        missing = self.call_with([*base, "--token-file", os.path.join(self.tmp, "none"), "x"])
+        self.assertEqual(missing.returncode, 2)
+        self.assertIn("cannot read the token file", missing.stderr)
+        empty = self.call_with([*base, "--token-file", self.secret_file("empty", ""), "x"])
+        self.assertEqual(empty.returncode, 2)
+        self.assertIn("the token is empty", empty.stderr)
+
+    def test_call_client_certificate_with_an_encrypted_key(self):
+        server = self.start_tezad("--tls-cert", self.cert, "--tls-key", self.key,
+                                  "--client-ca", self.client_ca, "--cert-user", "alice")
+        base = ["--host", "127.0.0.1", "--port", server.port, "--tls", "--ca", self.cert,
+                "--cert", self.alice]
+        passed = self.call_with([*base, "--key", self.alice_key, "account-list"])
+        self.assertEqual(passed.returncode, 0, passed.stderr)
+        passed = self.call_with(
+            [*base, "--key", self.alice_locked, "--key-password-file",
+             self.secret_file("kp", KEY_PASSPHRASE + "\n"), "account-list"])
+        self.assertEqual(passed.returncode, 0, passed.stderr)
+        # No pass phrase and no terminal to ask on.
+        locked = self.call_with([*base, "--key", self.alice_locked, "account-list"],
+                                stdin=subprocess.DEVNULL)
+        self.assertEqual(locked.returncode, 2)
+        self.assertIn("is encrypted: give --key-password-file FILE", locked.stderr)
+        wrong = self.call_with(
+            [*base, "--key", self.alice_locked, "--key-password-file",
+             self.secret_file("kp-wrong", "not it\n"), "account-list"])
+        self.assertEqual(wrong.returncode, 1)
+        self.assertIn("error 13072", wrong.stderr)
+        # Without a certificate the server refuses.
+        plain = self.call_with(["--host", "127.0.0.1", "--port", server.port, "--tls", "--ca",
+                                self.cert, "account-list"])
+        self.assertEqual(plain.returncode, 1)
+        self.assertIn("error 15001: this server needs a client certificate", plain.stderr)
+
+    def test_call_prompts_for_the_password_without_echo(self):
+        server = self.start_tezad("--user", "keeper:" + PASSWORD)
+        master, slave = pty.openpty()
+        try:
+            process = subprocess.Popen(
+                [CALL, "--host", "127.0.0.1", "--port", server.port, "--user", "keeper",
+                 "account-list"], stdin=slave, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                text=True, env={k: v for k, v in os.environ.items() if k != "TEZA_PASSWORD"})
+            os.close(slave)
+            slave = None
+            # The prompt goes to standard error once echo is off; answer then.
+            prompt = process.stderr.read(len("Password for keeper: "))
+            self.assertEqual(prompt, "Password for keeper: ")
+            os.write(master, (PASSWORD + "\n").encode())
+            out, err = process.communicate(timeout=TIMEOUT)
+            self.assertEqual(process.returncode, 0, err)
+            self.assertIn("<count>0</count>", out)
+            echoed = b""
+            while select.select([master], [], [], 0.2)[0]:
+                try:
+                    chunk = os.read(master, 4096)
+                except OSError:
+                    break
+                if not chunk:
+                    break
+                echoed += chunk
+            self.assertNotIn(PASSWORD.encode(), echoed)
+        finally:
+            os.close(master)
+            if slave is not None:
+                os.close(slave)
+
+    def test_call_help_says_the_password_option_is_visible(self):
+        result = self.call("--help")
+        self.assertEqual(result.returncode, 0)
+        self.assertIn("--password PASSWORD       its password on the command line: visible to "
+                      "every user of\n", result.stdout)
+        for option in ("--password-file FILE", "--token-file FILE", "--cert FILE --key FILE",
+                       "--key-password-file FILE", "TEZA_PASSWORD", "TEZA_TOKEN"):
+            self.assertIn(option, result.stdout)
+
+    def test_demo_with_a_token_file_and_with_a_client_certificate(self):
+        server = self.start_tezad("--token", TOKEN)
+        result = run([DEMO, "--host", "127.0.0.1", "--port", server.port, "--token-file",
+                      self.secret_file("demo-token", TOKEN)])
+        self.assert_demo(result, "127.0.0.1")
+        self.assertNotIn(TOKEN, result.stdout + result.stderr)
+
+        tls = self.start_tezad("--tls-cert", self.cert, "--tls-key", self.key, "--client-ca",
+                               self.client_ca, "--cert-user", "alice")
+        result = run([DEMO, "--host", "127.0.0.1", "--port", tls.port, "--tls", "--ca",
+                      self.cert, "--cert", self.alice, "--key", self.alice_locked,
+                      "--key-password-file", self.secret_file("demo-kp", KEY_PASSPHRASE)])
+        self.assert_demo(result, "127.0.0.1")
+        self.assertNotIn(KEY_PASSPHRASE, result.stdout + result.stderr)
+        missing = run([DEMO, "--password-file", os.path.join(self.tmp, "none")])
+        self.assertEqual(missing.returncode, 2)
+        self.assertIn("teza-demo: cannot read the password file", missing.stderr)
 
     def test_call_usage_errors(self):
         for args, message in ((["account-list"], "--host and --port are needed"),

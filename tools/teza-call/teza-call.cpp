@@ -1,8 +1,11 @@
 // teza-call: sends one API call to a TEZA server through librk and prints the result tree, or
 // the failure with its reason and error number (exit status 1). Usage errors exit with 2.
 //
-//   teza-call --host H --port P [--tls [--ca FILE]] [--user U --password P] API [name=value...]
+//   teza-call --host H --port P [--tls [--ca FILE]] [credentials] API [name=value...]
 //   teza-call --in-process API [name=value...]     (tezad's demo service inside this process)
+//
+// Credentials (credentials.h) come from files, the environment or a prompt; the secrets are
+// never printed.
 //
 // A name may be a path: "address/city=London" adds <address><city>London</city></address>,
 // reusing an <address> added before; "tags/tag=a tags/tag=b" gives a list. --secret
@@ -17,6 +20,7 @@
 #include <string>
 #include <vector>
 
+#include "credentials.h"
 #include "demo_service.h"
 #include "inprocess_server.h"
 #include "rk.h"
@@ -24,13 +28,14 @@
 
 namespace {
 
-const char kUsage[] =
-    "usage: teza-call --host HOST --port PORT [--tls [--ca FILE]] [--user LOGIN --password P]\n"
+const char kUsageHead[] =
+    "usage: teza-call --host HOST --port PORT [--tls [--ca FILE]] [credentials]\n"
     "                 [--api-version M.N] [--type node|cluster|agent|depot] [--timeout S]\n"
     "                 API [NAME=VALUE | --secret NAME=VALUE]...\n"
     "       teza-call --in-process API [NAME=VALUE | --secret NAME=VALUE]...\n"
     "NAME may be a path (address/city=London); --in-process runs tezad's demo service in\n"
-    "this process (user admin, password secret).\n";
+    "this process (user admin, password secret; token secret).\n";
+const std::string kUsage = std::string(kUsageHead) + teza_tools::kCredentialUsage;
 
 const char kInProcessName[] = "teza-call";
 
@@ -46,9 +51,8 @@ struct Options {
     bool tls = false;
     bool inProcess = false;
     std::string caFile;
-    bool hasUser = false;
-    std::string login;
-    std::string password;
+    teza_tools::CredentialOptions credentialOptions;
+    teza_tools::Credentials credentials;
     int major = 1;
     int minor = 21;
     int type = RK_SERVER_TYPE_NODE;
@@ -58,7 +62,7 @@ struct Options {
 };
 
 int Usage(const char* problem, const std::string& detail) {
-    fprintf(stderr, "teza-call: %s%s\n%s", problem, detail.c_str(), kUsage);
+    fprintf(stderr, "teza-call: %s%s\n%s", problem, detail.c_str(), kUsage.c_str());
     return 2;
 }
 
@@ -89,7 +93,7 @@ int ParseOptions(int argc, char** argv, Options* options) {
         const std::string arg = argv[i];
         const char* value = i + 1 < argc ? argv[i + 1] : nullptr;
         if (arg == "--help" || arg == "-h") {
-            fputs(kUsage, stdout);
+            fputs(kUsage.c_str(), stdout);
             exit(0);
         } else if (arg == "--tls") {
             options->tls = true;
@@ -101,6 +105,9 @@ int ParseOptions(int argc, char** argv, Options* options) {
         if (value == nullptr) {
             return Usage("missing value or unknown option: ", arg);
         }
+        if (teza_tools::ParseCredentialOption(argc, argv, &i, &options->credentialOptions)) {
+            continue;
+        }
         ++i;
         if (arg == "--host") {
             options->host = value;
@@ -110,11 +117,6 @@ int ParseOptions(int argc, char** argv, Options* options) {
             }
         } else if (arg == "--ca") {
             options->caFile = value;
-        } else if (arg == "--user") {
-            options->hasUser = true;
-            options->login = value;
-        } else if (arg == "--password") {
-            options->password = value;
         } else if (arg == "--timeout") {
             if (!ParseInt(value, 0, 86400, &options->timeout)) {
                 return Usage("invalid time-out: ", value);
@@ -159,13 +161,15 @@ int ParseOptions(int argc, char** argv, Options* options) {
         if (!options->host.empty() || options->tls) {
             return Usage("--in-process excludes --host and --tls", "");
         }
-        if (!options->hasUser) {
-            options->hasUser = true;
-            options->login = "admin";
-            options->password = "secret";
-        }
     } else if (options->host.empty() || options->port == 0) {
         return Usage("--host and --port are needed (or --in-process)", "");
+    }
+    std::string error;
+    if (!teza_tools::ResolveCredentials(
+            options->credentialOptions, options->inProcess ? "admin" : nullptr,
+            options->inProcess ? "secret" : nullptr, &options->credentials, &error)) {
+        fprintf(stderr, "teza-call: %s\n", error.c_str());
+        return 2;
     }
     return 0;
 }
@@ -229,7 +233,8 @@ std::string Decoded(const std::string& text) {
 int Call(const Options& options) {
     const std::string host = options.inProcess ? kInProcessName : options.host;
     rk_server_t* server = rk_server_open(host.c_str(), options.major, options.minor);
-    rk_server_set_style(server, options.hasUser ? RK_STYLE_LOGIN_PASSWORD : RK_STYLE_NONE);
+    const teza_tools::Credentials& credentials = options.credentials;
+    rk_server_set_style(server, credentials.style);
     rk_server_set_server_type(server, options.type);
     rk_server_set_transport_type(server,
                                  options.inProcess ? RK_TRANSPORT_IN_PROCESS
@@ -237,8 +242,14 @@ int Call(const Options& options) {
                                                    : RK_TRANSPORT_HTTP,
                                  nullptr);
     rk_server_set_port(server, options.port);
-    if (options.hasUser) {
-        rk_server_set_admin_user(server, options.login.c_str(), options.password.c_str());
+    if (credentials.style == RK_STYLE_LOGIN_PASSWORD || credentials.style == RK_STYLE_TOKEN) {
+        rk_server_set_admin_user(server, credentials.login.c_str(), credentials.password.c_str());
+    }
+    if (!credentials.certFile.empty()) {
+        rk_server_set_client_cert(
+            server, credentials.certFile.c_str(),
+            credentials.keyFile.empty() ? nullptr : credentials.keyFile.c_str(),
+            credentials.hasKeyPassphrase ? credentials.keyPassphrase.c_str() : nullptr);
     }
     if (!options.caFile.empty()) {
         rk_server_set_ca_file(server, options.caFile.c_str());
@@ -299,6 +310,7 @@ int main(int argc, char** argv) {
             coreOptions.major = 1;
             coreOptions.minor = 30;
             coreOptions.users["admin"] = "secret";
+            coreOptions.tokens.insert("secret");
             core.reset(new tezad::ServiceCore(coreOptions));
             service.Install(core.get());
             inProcess.reset(new tezad::InProcessServer(kInProcessName, core.get()));

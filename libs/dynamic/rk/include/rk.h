@@ -53,10 +53,22 @@ RK_API int rk_is_started(void);
 
 /* ---- Server handles ------------------------------------------------------------------- */
 
-/* Connection styles, set with rk_server_set_style. */
+/* Connection styles, set with rk_server_set_style; what each sends is in docs/wire-format.md.
+ *  - RK_STYLE_LOGIN_PASSWORD: HTTP basic authentication with the admin user's login and
+ *    password (rk_server_set_admin_user). A client certificate, when one is set, is presented
+ *    too.
+ *  - RK_STYLE_CERTIFICATE: mutual TLS. The handle presents its client certificate
+ *    (rk_server_set_client_cert, or the process-wide rk_set_default_client_cert) and sends no
+ *    login or password. HTTPS only: over another transport, or without a certificate, every
+ *    call fails with RK_ERR_CERT_STYLE before anything is sent.
+ *  - RK_STYLE_TOKEN: "Authorization: Bearer <token>", where the token is the admin user's
+ *    password (the login is not sent). Through the runtime, the token is therefore the
+ *    descriptor's password. Without a user, or with an empty token, every call fails with
+ *    RK_ERR_NO_TOKEN before anything is sent.
+ *  - RK_STYLE_NONE: no credentials are sent. */
 #define RK_STYLE_LOGIN_PASSWORD 0 /* HTTP basic authentication with the admin user (default) */
-#define RK_STYLE_CERTIFICATE 1    /* not supported: calls fail with RK_ERR_STYLE */
-#define RK_STYLE_TOKEN 2          /* not supported: calls fail with RK_ERR_STYLE */
+#define RK_STYLE_CERTIFICATE 1    /* mutual TLS with the client certificate; HTTPS only */
+#define RK_STYLE_TOKEN 2          /* bearer token: the admin user's password */
 #define RK_STYLE_NONE 3           /* no credentials are sent */
 
 /* Server types, set with rk_server_set_server_type; the server refuses a type it is not. */
@@ -76,11 +88,13 @@ RK_API int rk_is_started(void);
 
 /* Error numbers of failed results that the library makes itself (docs/wire-format.md). */
 #define RK_ERR_NOT_STARTED 13001     /* rk_startup was not called, or rk_shutdown was */
-#define RK_ERR_STYLE 13010           /* connection style not supported or unknown */
+#define RK_ERR_STYLE 13010           /* unknown connection style */
 #define RK_ERR_TRANSPORT 13011       /* transport unknown or not available */
 #define RK_ERR_PORT 13012            /* port outside 0 to 65535 */
 #define RK_ERR_HOST 13013            /* no host, or one that cannot be put in a URL */
 #define RK_ERR_REQUEST 13014         /* no request, a bad name, or text XML cannot carry */
+#define RK_ERR_CERT_STYLE 13015      /* certificate style without HTTPS or without a certificate */
+#define RK_ERR_NO_TOKEN 13016        /* token style without a token */
 #define RK_ERR_NO_MEMORY 13020       /* memory exhausted */
 #define RK_ERR_REFUSED 13055         /* the server refused the connection */
 #define RK_ERR_RESOLVE 13056         /* the host name could not be resolved */
@@ -160,7 +174,8 @@ RK_API int rk_server_set_timeout(rk_server_t* server, int seconds);
 RK_API int rk_server_set_ca_file(rk_server_t* server, const char* path);
 /* HTTPS: a client certificate and its private key (PEM files) for servers that ask for one,
  * with the key's pass phrase or null. A null key_path means the key is in the certificate's
- * file; a null cert_path removes both. */
+ * file; a null cert_path removes both. Replaces the default of rk_set_default_client_cert.
+ * RK_STYLE_CERTIFICATE needs one; other styles present it when the server asks. */
 RK_API int rk_server_set_client_cert(rk_server_t* server, const char* cert_path,
                                      const char* key_path, const char* key_passphrase);
 /* The largest answer body accepted, in bytes; 0 restores the default, RK_PARSE_MAX_BYTES. A
@@ -195,10 +210,11 @@ RK_API rk_elem_t* rk_server_invoke_elem(rk_server_t* server, rk_elem_t* request)
 typedef struct rk_inprocess_call {
     const char* host;     /* the name the handle was opened with */
     int major, minor;     /* the handle's API version */
-    int style;            /* RK_STYLE_LOGIN_PASSWORD or RK_STYLE_NONE */
+    int style;            /* RK_STYLE_LOGIN_PASSWORD, RK_STYLE_TOKEN or RK_STYLE_NONE */
     int server_type;      /* the handle's server type */
-    const char* login;    /* the admin user; null when no credentials are sent */
-    const char* password; /* null when no credentials are sent */
+    const char* login;    /* the admin user; null unless the style is RK_STYLE_LOGIN_PASSWORD */
+    const char* password; /* null unless the style is RK_STYLE_LOGIN_PASSWORD */
+    const char* token;    /* the bearer token; null unless the style is RK_STYLE_TOKEN */
 } rk_inprocess_call_t;
 
 /* Answers one call on the calling thread, possibly on several threads at once. `request`
@@ -343,6 +359,25 @@ RK_API int rk_set_default_key(const char* key);
  * result is zero with errno saying why (ENOENT, EACCES, EISDIR...) and the setting stays as it
  * was. */
 RK_API int rk_set_default_ca_file(const char* path);
+
+/* HTTPS: the client certificate and key (PEM files) and the key's pass phrase (or null) that
+ * handles opened from now on present, until rk_server_set_client_cert replaces them on a
+ * handle; a null cert_path goes back to none (the default), a null key_path means the key is
+ * in the certificate's file. Process-wide, like rk_set_default_ca_file: this is how the
+ * runtime's own handles (the connection cache, the quarantine probes) connect in
+ * RK_STYLE_CERTIFICATE. Handles already open keep theirs. The pass phrase is kept in memory
+ * only and never appears in a reason. Returns non-zero on success. */
+RK_API int rk_set_default_client_cert(const char* cert_path, const char* key_path,
+                                      const char* key_passphrase);
+
+/* HTTPS: TLS session resumption across handles, on (non-zero, the default) or off. While on,
+ * a new handle's first connection to a host and port that an earlier handle of the process
+ * reached, with the same TLS settings (CA file, client certificate...), resumes that TLS
+ * session instead of making a full handshake; the sessions are shared through libcurl's share
+ * interface, safe across threads. Turning it off serves measurements (the benchmarks compare
+ * both) and servers that mishandle resumption; it applies to connections set up from then on.
+ * Returns the previous setting. */
+RK_API int rk_set_tls_session_resumption(int enabled);
 
 #ifdef __cplusplus
 }

@@ -11,6 +11,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
 
 #include "transport.h"
 
@@ -20,14 +21,16 @@ namespace {
 std::atomic<unsigned long long> gHandlesOpened{0};
 std::atomic<unsigned long long> gHandlesClosed{0};
 
-const char* StyleName(int style) {
-    switch (style) {
-        case RK_STYLE_CERTIFICATE:
-            return "certificate";
-        case RK_STYLE_TOKEN:
-            return "token";
+const char* TransportName(int transport) {
+    switch (transport) {
+        case RK_TRANSPORT_HTTP:
+            return "HTTP";
+        case RK_TRANSPORT_IN_PROCESS:
+            return "in-process";
+        case RK_TRANSPORT_UNIX_SOCKET:
+            return "Unix socket";
         default:
-            return "unknown";
+            return "HTTPS";
     }
 }
 
@@ -50,10 +53,10 @@ rk_elem* CheckSettings(const rk::ServerSettings& s) {
             "the client library is not started: call rk_startup before calling a server",
             RK_ERR_NOT_STARTED);
     }
-    if (s.style != RK_STYLE_LOGIN_PASSWORD && s.style != RK_STYLE_NONE) {
+    if (s.style < RK_STYLE_LOGIN_PASSWORD || s.style > RK_STYLE_NONE) {
         return rk::ResultsNewFailedWire(
-            "connection style " + std::to_string(s.style) + " (" + StyleName(s.style) +
-                ") is not supported: use 0 (login and password) or 3 (none)",
+            "unknown connection style " + std::to_string(s.style) +
+                ": use 0 (login and password), 1 (certificate), 2 (token) or 3 (none)",
             RK_ERR_STYLE);
     }
     if (s.transport < RK_TRANSPORT_HTTP || s.transport > RK_TRANSPORT_UNIX_SOCKET) {
@@ -74,6 +77,28 @@ rk_elem* CheckSettings(const rk::ServerSettings& s) {
             return rk::ResultsNewFailedWire("host '" + s.host + "' is not a host name or address",
                                             RK_ERR_HOST);
         }
+    }
+    // A style whose credentials cannot be sent fails here, before any connection: it never
+    // falls back to sending less.
+    if (s.style == RK_STYLE_CERTIFICATE && s.transport != RK_TRANSPORT_HTTPS) {
+        return rk::ResultsNewFailedWire(
+            std::string("connection style 1 (certificate) needs HTTPS, not the ") +
+                TransportName(s.transport) +
+                " transport: use transport 1 (HTTPS), or another style for this server",
+            RK_ERR_CERT_STYLE);
+    }
+    if (s.style == RK_STYLE_CERTIFICATE && s.certFile.empty()) {
+        return rk::ResultsNewFailedWire(
+            "connection style 1 (certificate) needs a client certificate: set one with "
+            "rk_server_set_client_cert, or for every handle opened afterwards (the runtime's "
+            "included) with rk_set_default_client_cert",
+            RK_ERR_CERT_STYLE);
+    }
+    if (s.style == RK_STYLE_TOKEN && (!s.hasUser || s.password.empty())) {
+        return rk::ResultsNewFailedWire(
+            "connection style 2 (token) needs a token: give it as the password of "
+            "rk_server_set_admin_user (through the runtime, the descriptor's password)",
+            RK_ERR_NO_TOKEN);
     }
     return nullptr;
 }
@@ -145,12 +170,37 @@ std::string Text(const char* s) {
 }
 
 // The CA file that new handles start with; empty for the system's trusted certificates.
+// The mutex guards every process-wide default of new handles.
 std::mutex gDefaultCaFileMutex;
 std::string gDefaultCaFile;
 
-std::string DefaultCaFile() {
+// The client certificate that new handles start with; an empty file for none.
+struct ClientCert {
+    std::string certFile;
+    std::string keyFile;
+    std::string keyPassphrase;
+    bool hasKeyPassphrase = false;
+};
+ClientCert gDefaultClientCert;  // guarded by gDefaultCaFileMutex
+
+// The process-wide defaults, copied into a new handle's settings.
+void ApplyDefaults(rk::ServerSettings* s) {
     std::lock_guard<std::mutex> lock(gDefaultCaFileMutex);
-    return gDefaultCaFile;
+    s->caFile = gDefaultCaFile;
+    s->certFile = gDefaultClientCert.certFile;
+    s->keyFile = gDefaultClientCert.keyFile;
+    s->keyPassphrase = gDefaultClientCert.keyPassphrase;
+    s->hasKeyPassphrase = gDefaultClientCert.hasKeyPassphrase;
+}
+
+// A certificate setting as rk_server_set_client_cert and rk_set_default_client_cert take it.
+ClientCert MakeClientCert(const char* cert_path, const char* key_path, const char* key_passphrase) {
+    ClientCert c;
+    c.certFile = Text(cert_path);
+    c.keyFile = cert_path == nullptr ? std::string() : Text(key_path);
+    c.hasKeyPassphrase = cert_path != nullptr && key_passphrase != nullptr;
+    c.keyPassphrase = c.hasKeyPassphrase ? key_passphrase : "";
+    return c;
 }
 
 // Whether `path` opens for reading and its first byte can be read (an empty file counts as
@@ -187,7 +237,7 @@ rk_server_t* rk_server_open(const char* host, int major, int minor) {
         server->settings.host = host;
         server->settings.major = major;
         server->settings.minor = minor;
-        server->settings.caFile = DefaultCaFile();
+        ApplyDefaults(&server->settings);
         gHandlesOpened.fetch_add(1);
         return server.release();
     } catch (...) {
@@ -267,11 +317,24 @@ int rk_set_default_ca_file(const char* path) {
 int rk_server_set_client_cert(rk_server_t* server, const char* cert_path, const char* key_path,
                               const char* key_passphrase) {
     return Set(server, [&](rk::ServerSettings& s) {
-        s.certFile = Text(cert_path);
-        s.keyFile = cert_path == nullptr ? std::string() : Text(key_path);
-        s.hasKeyPassphrase = cert_path != nullptr && key_passphrase != nullptr;
-        s.keyPassphrase = s.hasKeyPassphrase ? key_passphrase : "";
+        ClientCert c = MakeClientCert(cert_path, key_path, key_passphrase);
+        s.certFile.swap(c.certFile);
+        s.keyFile.swap(c.keyFile);
+        s.keyPassphrase.swap(c.keyPassphrase);
+        s.hasKeyPassphrase = c.hasKeyPassphrase;
     });
+}
+
+int rk_set_default_client_cert(const char* cert_path, const char* key_path,
+                               const char* key_passphrase) {
+    try {
+        ClientCert c = MakeClientCert(cert_path, key_path, key_passphrase);
+        std::lock_guard<std::mutex> lock(gDefaultCaFileMutex);
+        std::swap(gDefaultClientCert, c);
+        return 1;
+    } catch (...) {
+        return 0;
+    }
 }
 
 int rk_server_set_max_response_size(rk_server_t* server, size_t bytes) {

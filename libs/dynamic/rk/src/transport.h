@@ -6,6 +6,7 @@
 #ifndef RK_TRANSPORT_H_
 #define RK_TRANSPORT_H_
 
+#include <curl/curl.h>
 #include <stddef.h>
 #include <stdint.h>
 
@@ -59,6 +60,10 @@ rk_elem* InProcessCall(const ServerSettings& settings, const rk_elem* request);
 bool AcquireCurl();
 void ReleaseCurl();
 bool IsStarted();
+// The share that holds the TLS sessions of every handle, or null when session resumption is
+// turned off (rk_set_tls_session_resumption) or the share could not be made. Stays valid while
+// the caller holds an easy handle from AcquireCurl.
+CURLSH* TlsSessionShare();
 
 }  // namespace rk
 

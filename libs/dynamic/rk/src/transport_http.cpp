@@ -293,10 +293,17 @@ void CurlConnection::Apply(const ServerSettings& s) {
         SetOpt(_easy, CURLOPT_TIMEOUT, static_cast<long>(s.timeoutSeconds));
     }
 
+    // Credentials by style. The certificate style sends none in HTTP: the client certificate
+    // below is its credential (the call was refused before this point without HTTPS and a
+    // certificate). The token style sends the admin user's password as a bearer token, sent
+    // with the first request, like basic authentication, since it is the only method allowed.
     if (s.style == RK_STYLE_LOGIN_PASSWORD && s.hasUser) {
         SetOpt(_easy, CURLOPT_HTTPAUTH, static_cast<long>(CURLAUTH_BASIC));
         SetOpt(_easy, CURLOPT_USERNAME, s.login.c_str());
         SetOpt(_easy, CURLOPT_PASSWORD, s.password.c_str());
+    } else if (s.style == RK_STYLE_TOKEN) {
+        SetOpt(_easy, CURLOPT_HTTPAUTH, static_cast<long>(CURLAUTH_BEARER));
+        SetOpt(_easy, CURLOPT_XOAUTH2_BEARER, s.password.c_str());
     }
 
     if (s.transport == RK_TRANSPORT_HTTPS) {
@@ -315,6 +322,15 @@ void CurlConnection::Apply(const ServerSettings& s) {
             if (s.hasKeyPassphrase) {
                 SetOpt(_easy, CURLOPT_KEYPASSWD, s.keyPassphrase.c_str());
             }
+        }
+        // A new handle resumes the TLS session an earlier handle made with the same host,
+        // port and TLS settings (libcurl matches them, the client certificate included), which
+        // spares the full handshake. Without the share, the handle keeps no sessions at all.
+        if (CURLSH* share = TlsSessionShare()) {
+            SetOpt(_easy, CURLOPT_SHARE, share);
+        } else {
+            SetOpt(_easy, CURLOPT_SHARE, static_cast<CURLSH*>(nullptr));
+            SetOpt(_easy, CURLOPT_SSL_SESSIONID_CACHE, 0L);
         }
     }
 

@@ -80,6 +80,7 @@ rk_elem* InProcessCall(const ServerSettings& s, const rk_elem* request) {
     call.server_type = s.serverType;
     call.login = credentials ? s.login.c_str() : nullptr;
     call.password = credentials ? s.password.c_str() : nullptr;
+    call.token = s.style == RK_STYLE_TOKEN ? s.password.c_str() : nullptr;
     rk_elem* answer = nullptr;
     try {
         answer = server->handler(server->context, &call, wire.get());
