@@ -151,8 +151,9 @@ TEST_F(Proxies, LoopbackHostsNeverGoThroughTheProxy) {
     }
     // Nothing listens on ::1 or 127.0.0.2 at that port: a direct call is refused, where the
     // proxy would have answered.
+    RefusingPort refusing;
     for (const char* host : {"::1", "[::1]", "127.0.0.2"}) {
-        ServerPtr h = OpenHandle(host, FreePort());
+        ServerPtr h = OpenHandle(host, refusing.port());
         EXPECT_EQ(Call(h.get(), "system-get-corvi-version").errnum, RK_ERR_REFUSED) << host;
     }
     EXPECT_EQ(_proxy.connections(), 0);
