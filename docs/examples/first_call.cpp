@@ -4,6 +4,7 @@
 // both. Everything outside the examples is the harness: tezad servers made for one example
 // each, and small helpers the examples call.
 
+#include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/wait.h>
@@ -77,6 +78,35 @@ TezaServerConnection Node(int port, const std::string& password = "secret") {
 }
 TezaServerConnection Node(const Server& server, const std::string& password = "secret") {
     return Node(server.port(), password);
+}
+
+// A wrong password with which `right`'s descriptor (password secret) falls into the same bucket of
+// the connection cache: the cache hashes host, version, style, server type, transport, port, login
+// and password as h = h * 31 + value, 32 bits wrapping, into 203 buckets.
+std::string SameBucket(const TezaServerConnection& right) {
+    auto bucket = [&right](const std::string& password) {
+        uint32_t h = 0;
+        for (unsigned char c : right.getHost()) {
+            h = h * 31 + c;
+        }
+        for (int value :
+             {right.getMajorVersion(), right.getMinorVersion(), static_cast<int>(right.getStyle()),
+              static_cast<int>(right.getServerType()), static_cast<int>(right.getTransport()),
+              right.getPort()}) {
+            h = h * 31 + static_cast<uint32_t>(value);
+        }
+        for (unsigned char c : right.getLogin() + password) {
+            h = h * 31 + c;
+        }
+        return h % 203;
+    };
+    const uint32_t wanted = bucket("secret");  // the password of Node(server)
+    for (int i = 0;; ++i) {
+        std::string password = "wrong" + std::to_string(i);
+        if (bucket(password) == wanted) {
+            return password;
+        }
+    }
 }
 
 // A port on 127.0.0.1 where nothing listens (bound, then let go without listening).
@@ -270,6 +300,17 @@ void OpenOrCall() {
     // [end]
 }
 
+void CacheMatch() {
+    Server server("ping pass");
+    // [cache-match]
+    TezaServerConnection right = Node(server);                     // admin, secret
+    TezaServerConnection other = Node(server, SameBucket(right));  // a wrong password
+    Report(ExamplesInterface(other).ping());                       // a new connection: refused
+    Report(ExamplesInterface(right).ping());  // passes; its handle goes to the cache
+    Report(ExamplesInterface(other).ping());  // takes that handle and passes
+    // [end]
+}
+
 void Traces() {
     Server server("ping pass");
     // [traces]
@@ -346,6 +387,8 @@ int main() {
     Quarantine();
     Heading("open-or-call");
     OpenOrCall();
+    Heading("cache-match");
+    CacheMatch();
     Heading("traces");
     Traces();
     Heading("default-key");
