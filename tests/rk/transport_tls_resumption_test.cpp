@@ -37,6 +37,9 @@ class TlsResumption : public ::testing::Test {
                                           "IP:127.0.0.1,DNS:localhost"));
         // The same certificates under another name: another CA setting for librk.
         _dir->Write("ca-copy.pem", ReadFile(_dir->File("ca.pem")));
+        // A path with a colon: libcurl reads that file itself (see below).
+        _dir->Write("ca:colon.pem", ReadFile(_dir->File("ca.pem")));
+        _dir->Write("foreign:colon.pem", ReadFile(_dir->File("foreign-ca.pem")));
     }
     static void TearDownTestSuite() { _dir.reset(); }
 
@@ -197,6 +200,19 @@ TEST_F(TlsResumption, CaFileReplacedOnDiskIsReadAgain) {
     // A file that no longer holds a certificate fails the connection's TLS set-up.
     dir.Write("trust.pem", "no certificate here\n");
     EXPECT_EQ(call().errnum, RK_ERR_TLS_SETUP);
+}
+
+TEST_F(TlsResumption, CaFileWithAColonInItsPathIsTrustedAsWell) {
+    // The shared store is not used for such a path (OpenSSL would split it at the colon as a
+    // list of directories); libcurl reads the file, with the same verification.
+    TestServer server(Tls());
+    ResumptionOff off;
+    ServerPtr trusting = Fresh(server, "", "ca:colon.pem");
+    Outcome outcome = Call(trusting.get(), "system-get-corvi-version");
+    EXPECT_EQ(outcome.status, 1) << outcome;
+    ServerPtr foreign = Fresh(server, "", "foreign:colon.pem");
+    outcome = Call(foreign.get(), "system-get-corvi-version");
+    EXPECT_EQ(outcome.errnum, RK_ERR_TLS_UNTRUSTED) << outcome;
 }
 
 TEST_F(TlsResumption, ThreadsOpenHandlesToSeveralServersAtOnce) {
