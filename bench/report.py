@@ -57,6 +57,15 @@ RECORD_LIMIT = (
     "where the hand-written code fills plain members"
 )
 
+RESUMPTION_LIMIT = (
+    "what resumption saves is the server's signature and the client's verification of the "
+    "server's certificate chain; both sides still make a TLS 1.3 ephemeral key exchange "
+    "(kept for forward secrecy; OpenSSL 3.0 cannot skip it), libcurl 7.88 still makes a "
+    "new TLS context for every connection, and the connection, the two HTTP calls and "
+    "the runtime cost the same on both sides (profile in \"TLS session resumption, "
+    "measured on its own\" below)"
+)
+
 FIGURES = [
     Figure("Mapping", "20-field record, write", "mapping/record20_write/runtime",
            "mapping/record20_write/reference", "slower", 1.3, "cpu_time",
@@ -91,10 +100,10 @@ FIGURES = [
     Figure("TLS session resumption",
            "fresh HTTPS handle through the runtime (connect, probe, call): resumed against a "
            "full handshake", "resumption/https_fresh/resumed", "resumption/https_fresh/full",
-           "slower", 0.5, "real_time",
-           "a resumed handshake still costs a connection, a key exchange and one more round "
-           "trip than a cached handle, and every round trip on this loaded machine takes "
-           "200 to 300 µs"),
+           "slower", 0.5, "real_time", RESUMPTION_LIMIT),
+    Figure("TLS session resumption",
+           "the same, the client's CPU time", "resumption/https_fresh/resumed",
+           "resumption/https_fresh/full", "slower", 0.5, "cpu_time", RESUMPTION_LIMIT),
     Figure("Transport", "version probe, 1 thread", "transport/http/librk/account_get:0/threads:1",
            "transport/http/reference/account_get:0/threads:1", "rate", 0.8, "items_per_second",
            "librk writes the request as XML and parses the answer into a tree on every call"),
@@ -268,8 +277,48 @@ def table(rows):
     return "\n".join(out)
 
 
-def figures_markdown(results, medians, spread, machine_rows):
+def previous_block(doc):
+    """What the generated block of the run before holds, for a filtered run to keep: its
+    ratio rows and missed-goal notes by figure, its memory rows by label, and its date."""
+    start, end = doc.find(BEGIN), doc.find(END)
+    kept = {"rows": {}, "notes": [], "memory": {}, "date": None}
+    if start < 0 or end < start:
+        return kept
+    for line in doc[start:end].splitlines():
+        kept_from = re.search(
+            r"keep the figures of the earlier run of (.+?) \(with their notes\)", line)
+        if kept_from:  # that run was a filtered one too: its kept rows are older
+            kept["date"] = kept_from.group(1)
+            continue
+        if line.startswith("- "):
+            kept["notes"].append(line)
+            continue
+        if not line.startswith("|"):
+            continue
+        cells = [c.strip() for c in line.strip().strip("|").split("|")]
+        if len(cells) == 7:
+            kept["rows"][cells[0]] = tuple(cells)
+        elif len(cells) == 2 and cells[0] == "Date":
+            kept["date"] = cells[1]
+        elif len(cells) == 2:
+            kept["memory"][cells[0]] = cells[1]
+    return kept
+
+
+def kept_row(figure, previous):
+    """The row of `figure` from the run before, when that run measured it."""
+    row = previous["rows"].get(f"{figure.group}: {figure.label}")
+    if row is None or row[5] == "not measured":
+        return None
+    return row
+
+
+def figures_markdown(results, medians, spread, machine_rows, previous):
     parts = ["### Machine", "", table([("", "")] + machine_rows), ""]
+    if any(r is None and kept_row(f, previous) for f, r in results):
+        parts += [f"This run measured only some of the figures (TEZA_BENCH_FILTER); the rows "
+                  f"it did not run keep the figures of the earlier run of "
+                  f"{previous['date'] or 'an unknown date'} (with their notes).", ""]
     parts += ["### Ratios against their references", "",
               "Times are medians of the repetitions (CPU time for the in-process figures, "
               "wall-clock time for the ones that go to tezad); the noise column is the "
@@ -278,6 +327,11 @@ def figures_markdown(results, medians, spread, machine_rows):
     missed = []
     for figure, r in results:
         if r is None:
+            row = kept_row(figure, previous)
+            if row is not None:
+                rows.append(row)
+                missed.append((figure, None))
+                continue
             rows.append((f"{figure.group}: {figure.label}", "not run", "", "", goal_text(figure),
                          "not measured", ""))
             continue
@@ -292,9 +346,13 @@ def figures_markdown(results, medians, spread, machine_rows):
                      f"{r['ratio']:.2f}×", goal_text(figure), status, noise))
     parts += [table(rows), ""]
     if missed:
-        parts += ["Goals missed, and what limits them:", ""]
         checks = medians.get("invocation/log_checks/six")
+        notes = []
         for figure, r in missed:
+            if r is None:  # kept from the run before, with its note if it had one
+                prefix = f"- {figure.group}, {figure.label} ("
+                notes += [n for n in previous["notes"] if n.startswith(prefix)]
+                continue
             note = ""
             if figure.group == "Invocation" and checks is not None:
                 cost = float(checks["cpu_time"]) * {"ns": 1, "us": 1e3, "ms": 1e6}[
@@ -311,9 +369,10 @@ def figures_markdown(results, medians, spread, machine_rows):
             if r["within_noise"]:
                 note += (f"; the miss is smaller than the spread of the repetitions "
                          f"({100 * r['cv']:.0f} %), so this run cannot tell it from a pass")
-            parts.append(f"- {figure.group}, {figure.label} ({r['ratio']:.2f}× against "
+            notes.append(f"- {figure.group}, {figure.label} ({r['ratio']:.2f}× against "
                          f"{goal_text(figure)}): {figure.limit}{note}.")
-        parts.append("")
+        if notes:
+            parts += ["Goals missed, and what limits them:", ""] + notes + [""]
     parts += ["### Memory", "", "Counted in a program of their own that counts every call of "
               "malloc, calloc, realloc and the aligned allocators of the process; heap bytes "
               "are mallinfo2's bytes in use. No goal was set for these.", ""]
@@ -321,18 +380,24 @@ def figures_markdown(results, medians, spread, machine_rows):
     for label, name, counter, unit in MEMORY:
         b = medians.get(name)
         if b is None or counter not in b:
-            rows.append((label, "not measured"))
+            rows.append((label, previous["memory"].get(label, "not measured")))
         else:
             rows.append((label, f"{float(b[counter]):,.1f}{unit}"))
     parts += [table(rows), "", "![Ratios against their goals](performance.svg)", ""]
     return "\n".join(parts)
 
 
-def chart(results):
+def chart(results, previous):
     """Bars of goal attainment: 1 is the goal, longer is better, on a log scale."""
     import math
 
-    rows = [(f, r) for f, r in results if r is not None]
+    rows = []
+    for f, r in results:
+        if r is None and kept_row(f, previous) is not None:
+            row = kept_row(f, previous)
+            r = {"ratio": float(row[3].rstrip("×")), "met": row[5] == "met"}
+        if r is not None:
+            rows.append((f, r))
     width, left, bar_h, gap, top = 980, 420, 18, 10, 50
     height = top + len(rows) * (bar_h + gap) + 40
     lo, hi = math.log10(0.05), math.log10(20)
@@ -378,11 +443,13 @@ def main():
 
     medians, spread, context = load(args.json)
     results = [(f, evaluate(f, medians, spread)) for f in FIGURES]
-    block = figures_markdown(results, medians, spread,
-                             machine(args.build_dir, context, args.repetitions))
-
     with open(DOC) as f:
         doc = f.read()
+    # A filtered run (TEZA_BENCH_FILTER) rewrites the figures it measured and keeps the others.
+    previous = previous_block(doc)
+    block = figures_markdown(results, medians, spread,
+                             machine(args.build_dir, context, args.repetitions), previous)
+
     start, end = doc.find(BEGIN), doc.find(END)
     if start < 0 or end < start:
         raise SystemExit(f"{DOC}: the markers of the generated block are missing")
@@ -390,7 +457,7 @@ def main():
     with open(DOC, "w") as f:
         f.write(doc)
     with open(CHART, "w") as f:
-        f.write(chart(results))
+        f.write(chart(results, previous))
     for figure, r in results:
         state = "not measured" if r is None else \
             f"{r['ratio']:.2f}x {'met' if r['met'] else 'MISSED'}"

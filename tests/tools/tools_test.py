@@ -341,6 +341,17 @@ class ToolsTest(unittest.TestCase):
         self.assertEqual(plain.returncode, 1)
         self.assertIn("error 15001: this server needs a client certificate", plain.stderr)
 
+    def test_call_missing_or_unreadable_key_password_file(self):
+        base = ["--host", "127.0.0.1", "--port", "1", "--tls", "--ca", self.cert,
+                "--cert", self.alice, "--key", self.alice_locked]
+        for path in (os.path.join(self.tmp, "no-such-file"), self.tmp):
+            result = self.call_with([*base, "--key-password-file", path, "account-list"])
+            self.assertEqual(result.returncode, 2, path)
+            self.assertEqual(result.stdout, "")
+            self.assertRegex(result.stderr,
+                             r"^teza-call: cannot read the key password file " + re.escape(path) +
+                             r": (No such file or directory|Is a directory)\n$")
+
     def test_call_prompts_for_the_password_without_echo(self):
         server = self.start_tezad("--user", "keeper:" + PASSWORD)
         master, slave = pty.openpty()

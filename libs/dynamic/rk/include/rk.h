@@ -170,7 +170,8 @@ RK_API int rk_server_set_admin_user(rk_server_t* server, const char* login, cons
  * connecting still applies). The in-process transport has no time-out. */
 RK_API int rk_server_set_timeout(rk_server_t* server, int seconds);
 /* HTTPS: the PEM file of the certificates that the server's certificate must chain to; null
- * or "" uses the system's trusted certificates (the default). */
+ * or "" uses the system's trusted certificates (the default). The file is parsed once for the
+ * process and again after it changes on disk. */
 RK_API int rk_server_set_ca_file(rk_server_t* server, const char* path);
 /* HTTPS: a client certificate and its private key (PEM files) for servers that ask for one,
  * with the key's pass phrase or null. A null key_path means the key is in the certificate's

@@ -16,6 +16,7 @@
 #include <memory>
 #include <mutex>
 
+#include "tls_trust.h"
 #include "transport.h"
 
 namespace rk {
@@ -60,6 +61,7 @@ void CleanupCurlIfUnused(StartState& s) {
         }
         delete s.shareLocks;
         s.shareLocks = nullptr;
+        ReleaseSharedCaFiles();  // no easy handle is left to use them
         curl_global_cleanup();
         s.curlInitialised = false;
     }

@@ -34,6 +34,7 @@
 #include <new>
 #include <string>
 
+#include "tls_trust.h"
 #include "transport.h"
 
 namespace rk {
@@ -309,8 +310,13 @@ void CurlConnection::Apply(const ServerSettings& s) {
     if (s.transport == RK_TRANSPORT_HTTPS) {
         SetOpt(_easy, CURLOPT_SSL_VERIFYPEER, 1L);
         SetOpt(_easy, CURLOPT_SSL_VERIFYHOST, 2L);
-        if (!s.caFile.empty()) {
+        // A CA file is parsed once for the process (tls_trust.h), not for every connection;
+        // libcurl reads it itself, and says why it cannot, when the shared store cannot be made.
+        // Either way the file's certificates are all that is trusted: not the system's
+        // directory of certificates beside them.
+        if (!s.caFile.empty() && !TrustSharedCaFile(_easy, s.caFile)) {
             SetOpt(_easy, CURLOPT_CAINFO, s.caFile.c_str());
+            SetOpt(_easy, CURLOPT_CAPATH, static_cast<char*>(nullptr));
         }
         if (!s.certFile.empty()) {
             SetOpt(_easy, CURLOPT_SSLCERT, s.certFile.c_str());
