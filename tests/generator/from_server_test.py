@@ -210,6 +210,40 @@ class FromServerTest(unittest.TestCase):
         del fetched["demo.teza"]
         self.assertEqual(fetched, self.generate(DEMO_SCHEMA, "original"))
 
+    def test_without_an_output_directory_only_the_schema_is_written(self):
+        server = self.start()
+        out = self.directory("schema-only")
+        schema = os.path.join(out, "demo.teza")
+        result = run([sys.executable, GEN, "--from-server", server.url, "--schema-out", schema])
+        self.assertEqual(result.returncode, 0, result.stderr)
+        self.assertEqual(os.listdir(out), ["demo.teza"])
+        check = run([sys.executable, GEN, "--check", schema])
+        self.assertEqual(check.returncode, 0, check.stderr)
+
+    def test_tezad_refuses_a_description_it_cannot_read(self):
+        broken = os.path.join(self.tmp, "broken.xml")
+        with open(broken, "w") as f:
+            f.write("<teza-description><description-version>1</description-version>"
+                    "<namespaces><namespace><name>x</name><types/><families><family>"
+                    "<name>f</name><id>1</id><apis><api><name>a</name><input>missing</input>"
+                    "</api></apis></family></families></namespace></namespaces>"
+                    "</teza-description>")
+        for path, message in (
+                (broken, f"tezad: {broken}: namespace \"x\": API \"a\" names the type "
+                         "\"missing\", which is not described\n"),
+                (os.path.join(self.tmp, "absent.xml"),
+                 f"tezad: cannot read {os.path.join(self.tmp, 'absent.xml')}\n")):
+            result = run([TEZAD, "--port", "0", "--no-demo", "--describe", path])
+            self.assertEqual(result.returncode, 2)
+            self.assertEqual(result.stderr, message)
+        # The demo's namespace cannot be described twice.
+        demo = os.path.join(self.tmp, "demo.xml")
+        run([sys.executable, GEN, "--describe-out", demo, DEMO_SCHEMA])
+        result = run([TEZAD, "--port", "0", "--describe", demo])
+        self.assertEqual(result.returncode, 2)
+        self.assertEqual(result.stderr,
+                         f'tezad: {demo}: namespace "demo" is described already\n')
+
     # --- HTTPS and the ways of failing -----------------------------------------------------
 
     def make_certificate(self, name):

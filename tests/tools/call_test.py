@@ -126,6 +126,10 @@ class CallTest(unittest.TestCase):
                          r"account-create-reply$")
         self.assertRegex(result.stdout, r"(?m)^account-list +- +-> account-list-reply$")
         self.assertRegex(result.stdout, r"(?m)^job-cancel +job-id +-> -$")
+        # The demo service in teza-call's own process describes itself alike.
+        in_process = run([CALL, "--in-process", "--list"])
+        self.assertEqual(in_process.returncode, 0, in_process.stderr)
+        self.assertEqual(in_process.stdout, result.stdout)
         listed = json.loads(self.call(server, "--list", "--output", "json").stdout)
         self.assertEqual(listed["apis"][4], {
             "name": "account-create", "namespace": "demo", "family": "account",

@@ -22,7 +22,7 @@ def arguments(argv):
     p.add_argument(
         "-o",
         "--output-dir",
-        default=".",
+        default=None,
         help="directory for the generated files (created when missing; default: .)",
     )
     which = p.add_mutually_exclusive_group()
@@ -212,9 +212,8 @@ def main(argv=None):
         modules = from_server(args)
         if modules is None:
             return SCHEMA_ERROR
-        if "-o" not in (argv if argv is not None else sys.argv[1:]) and not any(
-            a.startswith("--output-dir") for a in (argv if argv is not None else sys.argv[1:])
-        ):
+        # Without -o only the schema is written.
+        if args.output_dir is None:
             return 0
         return generate(args, modules)
     try:
@@ -242,9 +241,10 @@ def generate(args, modules):
         globals_file=not args.no_globals,
         modules_file=not args.globals_only,
     )
+    directory = "." if args.output_dir is None else args.output_dir
     try:
-        write_files(args.output_dir, files)
+        write_files(directory, files)
     except OSError as e:
-        print(f"teza-gen: cannot write to {args.output_dir}: {e.strerror}", file=sys.stderr)
+        print(f"teza-gen: cannot write to {directory}: {e.strerror}", file=sys.stderr)
         return USAGE_ERROR
     return 0
