@@ -165,6 +165,11 @@ class FromServerTest(unittest.TestCase):
         endpoint = remote.Endpoint(server.url, login="admin", password=PASSWORD)
         self.check_matches_schema(DEMO_SCHEMA, endpoint, skip_namespaces=("teza-system",))
 
+    def test_the_builtin_description_matches_builtin_teza(self):
+        server = self.start("--no-demo")
+        self.check_matches_schema(os.path.join(ROOT, "server", "builtin.teza"),
+                                  remote.Endpoint(server.url))
+
     def test_a_described_file_matches_everything_teza(self):
         server = self.start("--no-demo", "--describe", self.everything_description)
         self.check_matches_schema(EVERYTHING, remote.Endpoint(server.url),
