@@ -265,6 +265,32 @@ output: account-create-reply
             'teza-call: flag is bool, but "maybe" is not a boolean (true or false); kept as text',
         ])
 
+    def test_json_output_reads_typedef_chains_in_the_result_shape(self):
+        # The result shapes of docs/schema.md ("Typedef chains"): one level less than a request.
+        description = os.path.join(self.tmp, "everything.xml")
+        run([sys.executable, GEN, "--describe-out", description,
+             os.path.join(ROOT, "tests", "generator", "schemas", "everything.teza")])
+        script = os.path.join(self.tmp, "warehouse.script")
+        with open(script, "w") as f:
+            f.write(
+                "stock-list pass <name>w</name><labels>L</labels>"
+                "<label-items><shelf-label>p</shelf-label><shelf-label>q</shelf-label>"
+                "</label-items><main-shelf><shelf-info><label>m</label><scalars><text>t</text>"
+                "<count>4294967295</count></scalars></shelf-info></main-shelf>"
+                "<shelves><shelf-entry><shelf-info><shelf><label>s1</label></shelf></shelf-info>"
+                "</shelf-entry><shelf-entry><shelf-info><shelf><label>s2</label>"
+                "<items><scalars><enabled>on</enabled></scalars></items></shelf></shelf-info>"
+                "</shelf-entry></shelves><size-alias>18446744073709551615</size-alias>\n")
+        server = self.start("--no-demo", "--describe", description, "--script", script)
+        result = self.call(server, "--output", "json", "stock-list")
+        self.assertEqual(result.returncode, 0, result.stderr)
+        self.assertEqual(result.stderr, "")
+        self.assertEqual(json.loads(result.stdout)["result"], {
+            "name": "w", "labels": "L", "label-items": ["p", "q"],
+            "main-shelf": {"label": "m", "scalars": {"text": "t", "count": 4294967295}},
+            "shelves": [{"label": "s1"}, {"label": "s2", "items": [{"enabled": True}]}],
+            "size-alias": UINT64_MAX})
+
     def test_a_server_without_introspection(self):
         server = self.start("--no-demo", "--script", self.silent_script)
         result = self.call(server, "--list")
