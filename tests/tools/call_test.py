@@ -291,6 +291,46 @@ output: account-create-reply
             "shelves": [{"label": "s1"}, {"label": "s2", "items": [{"enabled": True}]}],
             "size-alias": UINT64_MAX})
 
+    def test_json_input_and_paths_give_the_request_shapes(self):
+        # The request shapes of docs/schema.md, from JSON and from checked paths alike.
+        description = os.path.join(self.tmp, "shapes.xml")
+        run([sys.executable, GEN, "--describe-out", description,
+             os.path.join(ROOT, "tests", "generator", "schemas", "shapes.teza")])
+        script = os.path.join(self.tmp, "shapes.script")
+        with open(script, "w") as f:
+            f.write("article-add echo\n")
+        server = self.start("--no-demo", "--describe", description, "--script", script)
+        expected = (
+            "<list-price><price><amount>2</amount><currency>EUR</currency></price></list-price>"
+            "<old-prices><price><amount>1</amount><currency>EUR</currency></price></old-prices>"
+            "<shades><shade-name><colour-name>teal</colour-name><colour-name>navy</colour-name>"
+            "</shade-name></shades>"
+            "<variant><variant-info><article-variant><sku>A-1</sku></article-variant>"
+            "</variant-info></variant>"
+            "<variants><variant-info><article-variant><sku>A-1</sku></article-variant>"
+            "<article-variant><sku>A-2</sku></article-variant></variant-info></variants>")
+        from_json = self.call(server, "--input", "-", "article-add", input=json.dumps({
+            "list-price": {"amount": 2, "currency": "EUR"},
+            "old-prices": [{"amount": 1, "currency": "EUR"}],
+            "shades": ["teal", "navy"],
+            "variant": {"sku": "A-1"},
+            "variants": [{"sku": "A-1"}, {"sku": "A-2"}]}))
+        from_paths = self.call(
+            server, "article-add", "list-price/price/amount=2", "list-price/price/currency=EUR",
+            "old-prices/price/amount=1", "old-prices/price/currency=EUR",
+            "shades/shade-name/colour-name=teal", "shades/shade-name/colour-name=navy",
+            "variant/variant-info/article-variant/sku=A-1",
+            "variants/variant-info/article-variant[0]/sku=A-1",
+            "variants/variant-info/article-variant[1]/sku=A-2")
+        for result in (from_json, from_paths):
+            self.assertEqual(result.returncode, 0, result.stderr)
+            flat = re.sub(r">\s+<", "><", result.stdout)
+            self.assertIn("<article-add>" + expected + "</article-add>", flat)
+        wrong = self.call(server, "article-add", "variant/article-variant/sku=A-1")
+        self.assertEqual(wrong.returncode, 2)
+        self.assertEqual(wrong.stderr, "teza-call: variant/article-variant/sku: after variant "
+                                       'comes <variant-info>, not "article-variant"\n')
+
     def test_a_server_without_introspection(self):
         server = self.start("--no-demo", "--script", self.silent_script)
         result = self.call(server, "--list")
