@@ -6,8 +6,10 @@
 #include <string.h>
 
 #include <fstream>
+#include <iterator>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "demo_service.h"
 #include "http_front_end.h"
@@ -34,6 +36,8 @@ const char kUsage[] =
     "  --api-version M.N       serve API versions M.0 to M.N (default 1.30)\n"
     "  --key TEXT              key of encrypted values (default: the client library's)\n"
     "  --script FILE           scripted answers and faults (docs/tezad.md)\n"
+    "  --describe FILE         publish the APIs of this description (teza-gen --describe-out)\n"
+    "                          in system-api-list and system-api-describe (repeatable)\n"
     "  --no-demo               do not serve the demo APIs\n"
     "  --threads N             connections served at once (default 8)\n"
     "  --keep-alive SECONDS    close idle connections after this long (default 30)\n"
@@ -81,6 +85,7 @@ int main(int argc, char** argv) {
     core.minor = 30;
     tezad::HttpOptions http;
     std::string scriptPath;
+    std::vector<std::string> describePaths;
     bool demo = true;
 
     for (int i = 1; i < argc; ++i) {
@@ -167,6 +172,8 @@ int main(int argc, char** argv) {
             rk_set_default_key(v);
         } else if (arg == "--script") {
             scriptPath = v;
+        } else if (arg == "--describe") {
+            describePaths.push_back(v);
         } else if (arg == "--threads") {
             if (!ParseInt(v, 1, 1024, &http.threads)) {
                 return Fail(std::string("bad thread count: ") + v);
@@ -202,6 +209,20 @@ int main(int argc, char** argv) {
     tezad::DemoService demoService;
     if (demo) {
         demoService.Install(&service);
+    }
+    for (const std::string& path : describePaths) {
+        std::ifstream in(path, std::ios::binary);
+        std::string xml((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+        if (!in.good() && !in.eof()) {
+            return Fail("cannot read " + path);
+        }
+        if (!in.is_open()) {
+            return Fail("cannot read " + path);
+        }
+        std::string error;
+        if (!service.AddDescription(xml, path, &error)) {
+            return Fail(error);
+        }
     }
     if (!scriptPath.empty()) {
         std::string error;

@@ -1,6 +1,7 @@
 #include "demo_service.h"
 
 #include <new>
+#include <stdexcept>
 
 namespace tezad {
 
@@ -63,6 +64,11 @@ void DemoService::Install(ServiceCore* core) {
     core->AddApi("job-get", bind(&DemoService::JobGet));
     core->AddApi("job-list", bind(&DemoService::JobList));
     core->AddApi("job-cancel", bind(&DemoService::JobCancel));
+    // The demo's description, made from demo/demo.teza at build time.
+    std::string error;
+    if (!core->AddDescription(tezad_demo_description, "the demo service's description", &error)) {
+        throw std::logic_error(error);
+    }
 }
 
 DemoService::Account& DemoService::FindAccount(const std::string& name) {

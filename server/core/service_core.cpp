@@ -1,12 +1,15 @@
 #include "service_core.h"
 
 #include <exception>
+#include <stdexcept>
 #include <utility>
 
 namespace tezad {
 
 const char kVersionApi[] = "system-get-corvi-version";
 const char kCountersApi[] = "system-get-counters";
+const char kListApi[] = "system-api-list";
+const char kDescribeApi[] = "system-api-describe";
 
 namespace {
 
@@ -38,7 +41,17 @@ bool SamePassword(const std::string& given, const std::string& expected) {
 
 }  // namespace
 
-ServiceCore::ServiceCore(CoreOptions options) : _options(std::move(options)) {}
+ServiceCore::ServiceCore(CoreOptions options) : _options(std::move(options)) {
+    std::string error;
+    if (!_description.Add(tezad_builtin_description, "the built-in APIs' description", &error)) {
+        throw std::logic_error(error);
+    }
+}
+
+bool ServiceCore::AddDescription(const std::string& xml, const std::string& origin,
+                                 std::string* error) {
+    return _description.Add(xml, origin, error);
+}
 
 void ServiceCore::AddApi(const std::string& name, Handler handler) {
     _handlers[name] = std::move(handler);
@@ -82,7 +95,7 @@ Reply ServiceCore::Dispatch(const CallInfo& info, rk_elem_t* request) {
                 return Scripted(*action, request);
             }
         }
-        reply.result = Builtin(api);
+        reply.result = Builtin(api, request);
         if (reply.result != nullptr) {
             return reply;
         }
@@ -242,7 +255,13 @@ Reply ServiceCore::Scripted(const ScriptAction& action, rk_elem_t* request) {
     return reply;
 }
 
-ElemPtr ServiceCore::Builtin(const std::string& api) const {
+ElemPtr ServiceCore::Builtin(const std::string& api, rk_elem_t* request) const {
+    if (api == kListApi) {
+        return _description.List();
+    }
+    if (api == kDescribeApi) {
+        return _description.Describe(Args(request));
+    }
     if (api == kVersionApi) {
         ElemPtr result = NewPassed();
         AddText(result.get(), "major-version", std::to_string(_options.major));

@@ -20,6 +20,7 @@
 #include <set>
 #include <string>
 
+#include "description.h"
 #include "elements.h"
 #include "script.h"
 
@@ -38,6 +39,8 @@ enum CoreError : int {
 // The API names the core answers itself.
 extern const char kVersionApi[];   // "system-get-corvi-version"
 extern const char kCountersApi[];  // "system-get-counters"
+extern const char kListApi[];      // "system-api-list"
+extern const char kDescribeApi[];  // "system-api-describe"
 
 struct CoreOptions {
     int major = 1;  // calls of this major version and a minor version up to `minor` are served
@@ -122,6 +125,10 @@ class ServiceCore {
     // Set-up.
     void AddApi(const std::string& name, Handler handler);
     void SetScript(std::unique_ptr<Script> script);
+    // Publishes the APIs of a description (teza-gen --describe-out) beside the built-in ones.
+    // False, with the reason in `error` and nothing published, when it cannot be read.
+    bool AddDescription(const std::string& xml, const std::string& origin, std::string* error);
+    const Description& description() const { return _description; }
 
     // Answers a request given as XML text (HTTP front end).
     Reply Handle(const CallInfo& info, const char* body, size_t length);
@@ -149,13 +156,14 @@ class ServiceCore {
     bool Authenticated(const CallInfo& info) const;
     std::string CredentialProblem(const CallInfo& info) const;
     Reply Scripted(const ScriptAction& action, rk_elem_t* request);
-    ElemPtr Builtin(const std::string& api) const;
+    ElemPtr Builtin(const std::string& api, rk_elem_t* request) const;
     void Wait(std::chrono::milliseconds delay);
 
     // Constant after set-up.
     const CoreOptions _options;
     std::map<std::string, Handler> _handlers;
     std::unique_ptr<Script> _script;
+    Description _description;
 
     std::atomic<uint64_t> _connections{0};
     std::atomic<uint64_t> _openConnections{0};

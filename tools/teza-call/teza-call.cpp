@@ -1,25 +1,34 @@
-// teza-call: sends one API call to a TEZA server through librk and prints the result tree, or
-// the failure with its reason and error number (exit status 1). Usage errors exit with 2.
-//
-//   teza-call --host H --port P [--tls [--ca FILE]] [credentials] API [name=value...]
-//   teza-call --in-process API [name=value...]     (tezad's demo service inside this process)
+// teza-call: sends one API call to a TEZA server through librk and prints the result, as a
+// tree or as JSON; lists and describes the APIs of a server that describes itself, and then
+// checks arguments before anything is sent. Exit statuses: 0 passed, 1 the server answered
+// with a failure, 2 usage or local error, 3 the server could not be reached or the exchange
+// broke.
 //
 // Credentials (credentials.h) come from files, the environment or a prompt; the secrets are
 // never printed.
 //
 // A name may be a path: "address/city=London" adds <address><city>London</city></address>,
-// reusing an <address> added before; "tags/tag=a tags/tag=b" gives a list. --secret
-// NAME=VALUE adds an encrypted value.
+// reusing an <address> added before; "tags/tag=a tags/tag=b" gives a list, and "NAME[N]"
+// picks the Nth element of that name (from 0; the next index adds one), so that
+// "rules/rule[0]/match=a rules/rule[1]/match=b" sends two records. --secret NAME=VALUE adds
+// an encrypted value.
 
 #include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
+#include <fstream>
+#include <iostream>
+#include <iterator>
 #include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <sstream>
 #include <string>
 #include <vector>
 
+#include "api_description.h"
 #include "credentials.h"
 #include "demo_service.h"
 #include "inprocess_server.h"
@@ -28,16 +37,56 @@
 
 namespace {
 
+using json = nlohmann::ordered_json;
+
+// Exit statuses.
+enum Status : int {
+    kPassed = 0,
+    kFailed = 1,       // the server answered with a failure
+    kLocalError = 2,   // usage or local error
+    kUnreachable = 3,  // the server could not be reached, or the exchange broke
+};
+
 const char kUsageHead[] =
-    "usage: teza-call --host HOST --port PORT [--tls [--ca FILE]] [credentials]\n"
-    "                 [--api-version M.N] [--type node|cluster|agent|depot] [--timeout S]\n"
-    "                 API [NAME=VALUE | --secret NAME=VALUE]...\n"
-    "       teza-call --in-process API [NAME=VALUE | --secret NAME=VALUE]...\n"
-    "NAME may be a path (address/city=London); --in-process runs tezad's demo service in\n"
-    "this process (user admin, password secret; token secret).\n";
+    "usage: teza-call CONNECTION [options] API [NAME=VALUE | --secret NAME=VALUE]...\n"
+    "       teza-call CONNECTION [options] --list\n"
+    "       teza-call CONNECTION [options] --describe API [--format tree|teza]\n"
+    "CONNECTION is one of\n"
+    "  --host HOST --port PORT [--tls [--ca FILE]]   HTTP, or HTTPS with --tls\n"
+    "  --unix PATH                                   HTTP over a Unix socket\n"
+    "  --in-process       tezad's demo service in this process (user admin, password\n"
+    "                     secret; token secret)\n"
+    "Options:\n"
+    "  --api-version M.N  --type node|cluster|agent|depot  --timeout S (default 60)\n"
+    "  --list             the server's APIs, one a line: name, input type, output type\n"
+    "  --describe API     the API's input and output as a tree of fields with their types and\n"
+    "                     flags; --format teza prints them as schema text\n"
+    "  --output json      print the result as one JSON document, typed by the server's\n"
+    "                     description (numbers, booleans, arrays, objects), texts otherwise;\n"
+    "                     a failure as {\"status\": \"failed\", \"errno\": N, \"reason\": "
+    "\"...\"}\n"
+    "  --input FILE|-     the arguments as a JSON object of the same shape (- reads standard\n"
+    "                     input); NAME=VALUE arguments are added after them\n"
+    "  --encryption-key-file FILE  key of encrypted values: the first line of FILE (default:\n"
+    "                     the client library's, which is no secret)\n"
+    "  --unchecked        send without asking the server for its description\n"
+    "When the server describes itself (system-api-describe), arguments are checked before\n"
+    "anything is sent, and encrypted fields are sent encrypted without --secret.\n"
+    "NAME is a path of elements: address/city=London; tags/tag=a tags/tag=b gives two items of\n"
+    "a list; NAME[N] is the Nth element of that name (from 0), so that two records of an array\n"
+    "are sent as\n"
+    "  export-rules/export-rule[0]/client-match=a export-rules/export-rule[1]/client-match=b\n"
+    "and in JSON as {\"export-rules\": [{\"client-match\": \"a\"}, {\"client-match\": \"b\"}]}.\n"
+    "Exit status: 0 passed; 1 the server answered with a failure; 2 usage or local error;\n"
+    "3 the server could not be reached or the exchange broke (connection, TLS, time-out,\n"
+    "transport).\n";
 const std::string kUsage = std::string(kUsageHead) + teza_tools::kCredentialUsage;
 
 const char kInProcessName[] = "teza-call";
+const char kListApi[] = "system-api-list";
+const char kDescribeApi[] = "system-api-describe";
+const int kErrUnknownApi = 15005;
+const int kErrNotDescribed = 15007;
 
 struct Argument {
     std::string name;
@@ -50,6 +99,7 @@ struct Options {
     int port = 0;
     bool tls = false;
     bool inProcess = false;
+    std::string unixPath;
     std::string caFile;
     teza_tools::CredentialOptions credentialOptions;
     teza_tools::Credentials credentials;
@@ -57,13 +107,20 @@ struct Options {
     int minor = 21;
     int type = RK_SERVER_TYPE_NODE;
     int timeout = 60;
+    bool list = false;
+    bool describe = false;
+    bool schemaFormat = false;
+    bool json = false;
+    bool unchecked = false;
+    std::string inputFile;
+    std::string keyFile;
     std::string api;
     std::vector<Argument> arguments;
 };
 
 int Usage(const char* problem, const std::string& detail) {
     fprintf(stderr, "teza-call: %s%s\n%s", problem, detail.c_str(), kUsage.c_str());
-    return 2;
+    return kLocalError;
 }
 
 bool ParseInt(const char* text, long low, long high, int* out) {
@@ -101,6 +158,12 @@ int ParseOptions(int argc, char** argv, Options* options) {
         } else if (arg == "--in-process") {
             options->inProcess = true;
             continue;
+        } else if (arg == "--list") {
+            options->list = true;
+            continue;
+        } else if (arg == "--unchecked") {
+            options->unchecked = true;
+            continue;
         }
         if (value == nullptr) {
             return Usage("missing value or unknown option: ", arg);
@@ -115,6 +178,8 @@ int ParseOptions(int argc, char** argv, Options* options) {
             if (!ParseInt(value, 1, 65535, &options->port)) {
                 return Usage("invalid port: ", value);
             }
+        } else if (arg == "--unix") {
+            options->unixPath = value;
         } else if (arg == "--ca") {
             options->caFile = value;
         } else if (arg == "--timeout") {
@@ -138,14 +203,50 @@ int ParseOptions(int argc, char** argv, Options* options) {
             } else {
                 return Usage("unknown server type: ", type);
             }
+        } else if (arg == "--describe") {
+            options->describe = true;
+            options->api = value;
+        } else if (arg == "--format") {
+            if (strcmp(value, "teza") != 0 && strcmp(value, "tree") != 0) {
+                return Usage("--format is tree or teza, not ", value);
+            }
+            options->schemaFormat = strcmp(value, "teza") == 0;
+        } else if (arg == "--output") {
+            if (strcmp(value, "json") != 0 && strcmp(value, "text") != 0) {
+                return Usage("--output is text or json, not ", value);
+            }
+            options->json = strcmp(value, "json") == 0;
+        } else if (arg == "--input") {
+            options->inputFile = value;
+        } else if (arg == "--encryption-key-file") {
+            options->keyFile = value;
         } else {
             return Usage("unknown option: ", arg);
         }
     }
-    if (i >= argc) {
-        return Usage("no API named", "");
+    // --format may follow --describe API.
+    if (options->describe && i + 1 < argc && strcmp(argv[i], "--format") == 0) {
+        if (strcmp(argv[i + 1], "teza") != 0 && strcmp(argv[i + 1], "tree") != 0) {
+            return Usage("--format is tree or teza, not ", argv[i + 1]);
+        }
+        options->schemaFormat = strcmp(argv[i + 1], "teza") == 0;
+        i += 2;
     }
-    options->api = argv[i++];
+    if (options->list || options->describe) {
+        if (i < argc) {
+            return Usage(options->list ? "--list takes no API or arguments: "
+                                       : "--describe takes one API, not also: ",
+                         argv[i]);
+        }
+        if (options->list && options->describe) {
+            return Usage("--list and --describe exclude each other", "");
+        }
+    } else {
+        if (i >= argc) {
+            return Usage("no API named", "");
+        }
+        options->api = argv[i++];
+    }
     for (; i < argc; ++i) {
         const std::string arg = argv[i];
         if (arg == "--secret") {
@@ -157,89 +258,169 @@ int ParseOptions(int argc, char** argv, Options* options) {
             return Usage("arguments are NAME=VALUE, not: ", arg);
         }
     }
-    if (options->inProcess) {
-        if (!options->host.empty() || options->tls) {
-            return Usage("--in-process excludes --host and --tls", "");
-        }
-    } else if (options->host.empty() || options->port == 0) {
-        return Usage("--host and --port are needed (or --in-process)", "");
+    const int connections = (options->inProcess ? 1 : 0) + (options->unixPath.empty() ? 0 : 1) +
+                            (options->host.empty() && options->port == 0 ? 0 : 1);
+    if (connections != 1) {
+        return Usage(connections == 0 ? "no connection: " : "one connection only: ",
+                     "--host and --port are needed, or --unix PATH, or --in-process");
+    }
+    if (!options->inProcess && options->unixPath.empty() &&
+        (options->host.empty() || options->port == 0)) {
+        return Usage("--host and --port go together", "");
+    }
+    if (options->tls && (options->inProcess || !options->unixPath.empty())) {
+        return Usage("--tls goes with --host and --port", "");
     }
     std::string error;
     if (!teza_tools::ResolveCredentials(
             options->credentialOptions, options->inProcess ? "admin" : nullptr,
             options->inProcess ? "secret" : nullptr, &options->credentials, &error)) {
         fprintf(stderr, "teza-call: %s\n", error.c_str());
-        return 2;
+        return kLocalError;
     }
     return 0;
 }
 
-// Adds one argument under `request`: the path's inner names reuse the last child of that name.
-bool AddArgument(rk_elem_t* request, const Argument& argument) {
+// Splits "name[N]" into the name and the index; false when the brackets are malformed.
+bool IndexOf(const std::string& segment, std::string* name, std::optional<size_t>* index) {
+    const size_t open = segment.find('[');
+    *name = segment.substr(0, open);
+    index->reset();
+    if (open == std::string::npos) {
+        return !name->empty();
+    }
+    const std::string digits = segment.substr(open + 1, segment.size() - open - 2);
+    if (segment.back() != ']' || digits.empty() || digits.size() > 9 ||
+        digits.find_first_not_of("0123456789") != std::string::npos) {
+        return false;
+    }
+    *index = static_cast<size_t>(strtoul(digits.c_str(), nullptr, 10));
+    return !name->empty();
+}
+
+// Adds one argument under `request`. An inner name reuses the last child of that name, or
+// with "[N]" the Nth (N equal to their count adds one); the last name always adds an element.
+bool AddArgument(rk_elem_t* request, const Argument& argument, std::string* error) {
     rk_elem_t* parent = request;
     std::string path = argument.name;
     size_t slash;
-    while ((slash = path.find('/')) != std::string::npos) {
-        const std::string name = path.substr(0, slash);
-        path = path.substr(slash + 1);
-        rk_elem_t* child = nullptr;
+    while (true) {
+        slash = path.find('/');
+        const std::string segment = path.substr(0, slash);
+        std::string name;
+        std::optional<size_t> index;
+        if (!IndexOf(segment, &name, &index)) {
+            *error = argument.name + ": \"" + segment + "\" is not NAME or NAME[N]";
+            return false;
+        }
+        std::vector<rk_elem_t*> same;
         rk_iterator_t it = rk_child_iterator(parent);
         while (rk_elem_t* c = rk_iterator_next(&it)) {
             if (name == rk_elem_get_name(c)) {
-                child = c;
+                same.push_back(c);
             }
         }
-        if (child == nullptr) {
-            child = rk_child_add(parent, rk_elem_new(name.c_str()));
+        if (index && *index > same.size()) {
+            *error = argument.name + ": " + segment + " skips items: the next " + name + " is [" +
+                     std::to_string(same.size()) + "]";
+            return false;
+        }
+        if (slash == std::string::npos) {
+            if (index && *index < same.size()) {
+                *error = argument.name + ": " + segment + " is given already";
+                return false;
+            }
+            rk_elem_t* added =
+                argument.encrypted
+                    ? rk_child_add_string_encrypted(parent, name.c_str(), argument.value.c_str(),
+                                                    nullptr)
+                    : rk_child_add_string(parent, name.c_str(), argument.value.c_str());
+            if (added == nullptr) {
+                *error = "cannot build the request: " + argument.name +
+                         " is not a path of element "
+                         "names";
+                return false;
+            }
+            return true;
+        }
+        path = path.substr(slash + 1);
+        rk_elem_t* child = nullptr;
+        if (index) {
+            child = *index < same.size() ? same[*index] : nullptr;
+        } else if (!same.empty()) {
+            child = same.back();
         }
         if (child == nullptr) {
-            return false;
+            child = rk_elem_new(name.c_str());
+            if (child == nullptr || rk_child_add(parent, child) == nullptr) {
+                rk_elem_free(child);
+                *error = "cannot build the request: " + argument.name +
+                         " is not a path of element "
+                         "names";
+                return false;
+            }
         }
         parent = child;
     }
-    rk_elem_t* added =
-        argument.encrypted
-            ? rk_child_add_string_encrypted(parent, path.c_str(), argument.value.c_str(), nullptr)
-            : rk_child_add_string(parent, path.c_str(), argument.value.c_str());
-    return added != nullptr;
 }
 
-// Reasons travel as XML text, entity references included; they are shown decoded.
-std::string Decoded(const std::string& text) {
-    static const struct {
-        const char* entity;
-        char c;
-    } kEntities[] = {
-        {"&lt;", '<'}, {"&gt;", '>'}, {"&quot;", '"'}, {"&apos;", '\''}, {"&amp;", '&'}};
-    std::string out;
-    for (size_t i = 0; i < text.size();) {
-        bool replaced = false;
-        for (const auto& e : kEntities) {
-            const size_t n = strlen(e.entity);
-            if (text.compare(i, n, e.entity) == 0) {
-                out += e.c;
-                i += n;
-                replaced = true;
-                break;
-            }
-        }
-        if (!replaced) {
-            out += text[i++];
-        }
+// The exit status of a failed result: error numbers of the client library from 13050 on say
+// that the server could not be reached or the exchange broke; below, and 13072 (TLS files that
+// cannot be used), that the call could not be made as asked.
+int StatusOf(int errnum) {
+    // The CA file, client certificate or key cannot be used: a local error.
+    if (errnum == 13072) {
+        return kLocalError;
     }
-    return out;
+    if (errnum >= 13050 && errnum <= 13999) {
+        return kUnreachable;
+    }
+    if (errnum >= 13000 && errnum < 13050) {
+        return kLocalError;
+    }
+    return kFailed;
 }
 
-int Call(const Options& options) {
-    const std::string host = options.inProcess ? kInProcessName : options.host;
+// Reports a failed result on standard error, and as JSON on standard output when asked.
+int ReportFailure(const Options& options, const std::string& what, rk_elem_t* result) {
+    const char* reason = rk_results_reason(result);
+    const std::string decoded = teza_call::Decoded(reason != nullptr ? reason : "");
+    const int errnum = rk_results_errno(result);
+    fprintf(stderr, "teza-call: %s failed: error %d: %s\n", what.c_str(), errnum, decoded.c_str());
+    if (options.json) {
+        json failure = {{"status", "failed"}, {"errno", errnum}, {"reason", decoded}};
+        printf("%s\n", failure.dump(2).c_str());
+    }
+    return StatusOf(errnum);
+}
+
+int LocalError(const Options& options, const std::string& message) {
+    fprintf(stderr, "teza-call: %s\n", message.c_str());
+    if (options.json) {
+        json failure = {{"status", "failed"}, {"errno", 0}, {"reason", message}};
+        printf("%s\n", failure.dump(2).c_str());
+    }
+    return kLocalError;
+}
+
+struct ElemFree {
+    void operator()(rk_elem_t* elem) const { rk_elem_free(elem); }
+};
+using ElemPtr = std::unique_ptr<rk_elem_t, ElemFree>;
+
+rk_server_t* Open(const Options& options) {
+    const std::string host = options.inProcess           ? kInProcessName
+                             : !options.unixPath.empty() ? options.unixPath
+                                                         : options.host;
     rk_server_t* server = rk_server_open(host.c_str(), options.major, options.minor);
     const teza_tools::Credentials& credentials = options.credentials;
     rk_server_set_style(server, credentials.style);
     rk_server_set_server_type(server, options.type);
     rk_server_set_transport_type(server,
-                                 options.inProcess ? RK_TRANSPORT_IN_PROCESS
-                                 : options.tls     ? RK_TRANSPORT_HTTPS
-                                                   : RK_TRANSPORT_HTTP,
+                                 options.inProcess           ? RK_TRANSPORT_IN_PROCESS
+                                 : !options.unixPath.empty() ? RK_TRANSPORT_UNIX_SOCKET
+                                 : options.tls               ? RK_TRANSPORT_HTTPS
+                                                             : RK_TRANSPORT_HTTP,
                                  nullptr);
     rk_server_set_port(server, options.port);
     if (credentials.style == RK_STYLE_LOGIN_PASSWORD || credentials.style == RK_STYLE_TOKEN) {
@@ -255,36 +436,161 @@ int Call(const Options& options) {
         rk_server_set_ca_file(server, options.caFile.c_str());
     }
     rk_server_set_timeout(server, options.timeout);
+    return server;
+}
 
-    rk_elem_t* request = rk_elem_new(options.api.c_str());
-    bool built = request != nullptr;
-    for (size_t i = 0; built && i < options.arguments.size(); ++i) {
-        built = AddArgument(request, options.arguments[i]);
-    }
-    int status = 1;
-    if (!built) {
-        fprintf(stderr, "teza-call: cannot build the request (invalid element name?)\n");
-        status = 2;
-    } else {
-        rk_elem_t* result = rk_server_invoke_elem(server, request);
-        if (rk_results_status(result) == 1) {
-            char* text = rk_elem_sprintf(result);
-            fputs(text != nullptr ? text : "", stdout);
-            if (text != nullptr && text[0] != '\0' && text[strlen(text) - 1] != '\n') {
-                fputc('\n', stdout);
-            }
-            rk_free(text);
-            status = 0;
-        } else {
-            const char* reason = rk_results_reason(result);
-            fprintf(stderr, "teza-call: %s failed: error %d: %s\n", options.api.c_str(),
-                    rk_results_errno(result), Decoded(reason != nullptr ? reason : "").c_str());
+int List(const Options& options, rk_server_t* server) {
+    ElemPtr result(rk_server_invoke(server, kListApi, nullptr));
+    if (rk_results_status(result.get()) != 1) {
+        if (rk_results_errno(result.get()) == kErrUnknownApi) {
+            return LocalError(options, "the server does not describe itself: it does not answer " +
+                                           std::string(kListApi));
         }
-        rk_elem_free(result);
+        return ReportFailure(options, kListApi, result.get());
     }
-    rk_elem_free(request);
-    rk_server_close(server);
-    return status;
+    struct Row {
+        std::string name, input, output;
+    };
+    std::vector<Row> rows;
+    size_t nameWidth = 0;
+    size_t inputWidth = 0;
+    json apis = json::array();
+    rk_iterator_t it = rk_child_iterator(rk_elem_child(result.get(), "apis"));
+    while (rk_elem_t* api = rk_iterator_next(&it)) {
+        auto text = [&](const char* name) {
+            const char* value = rk_child_get_string(api, name);
+            return value == nullptr ? std::string() : teza_call::Decoded(value);
+        };
+        Row row{text("name"), text("input"), text("output")};
+        json entry = {
+            {"name", row.name}, {"namespace", text("namespace")}, {"family", text("family")}};
+        if (!row.input.empty()) {
+            entry["input"] = row.input;
+        }
+        if (!row.output.empty()) {
+            entry["output"] = row.output;
+        }
+        apis.push_back(entry);
+        row.input = row.input.empty() ? "-" : row.input;
+        row.output = row.output.empty() ? "-" : row.output;
+        nameWidth = std::max(nameWidth, row.name.size());
+        inputWidth = std::max(inputWidth, row.input.size());
+        rows.push_back(row);
+    }
+    if (options.json) {
+        printf("%s\n", json({{"status", "passed"}, {"apis", apis}}).dump(2).c_str());
+        return kPassed;
+    }
+    for (const Row& row : rows) {
+        printf("%-*s  %-*s -> %s\n", static_cast<int>(nameWidth), row.name.c_str(),
+               static_cast<int>(inputWidth), row.input.c_str(), row.output.c_str());
+    }
+    return kPassed;
+}
+
+// Asks the server for the API's description. Returns the exit status of a failure that ends
+// teza-call, or -1 with `description` set when there is one, and left empty when the server
+// does not describe itself or this API.
+int FetchDescription(const Options& options, rk_server_t* server,
+                     std::optional<teza_call::ApiDescription>* description) {
+    ElemPtr result(rk_server_invoke(server, kDescribeApi, "api", options.api.c_str(), nullptr));
+    if (rk_results_status(result.get()) != 1) {
+        const int errnum = rk_results_errno(result.get());
+        if (errnum == kErrUnknownApi || errnum == kErrNotDescribed) {
+            if (options.describe) {
+                return LocalError(options, errnum == kErrUnknownApi
+                                               ? "the server does not describe itself: it does not "
+                                                 "answer " +
+                                                     std::string(kDescribeApi)
+                                               : "the server does not describe " + options.api);
+            }
+            return -1;
+        }
+        // The call could not be made: it fails as the description's call did.
+        return ReportFailure(options, options.describe ? kDescribeApi : options.api, result.get());
+    }
+    description->emplace();
+    std::string error;
+    if (!(*description)->Read(result.get(), options.api, &error)) {
+        return LocalError(options, error);
+    }
+    return -1;
+}
+
+int Call(const Options& options, rk_server_t* server) {
+    if (options.list) {
+        return List(options, server);
+    }
+    std::optional<teza_call::ApiDescription> description;
+    if (!options.unchecked || options.describe) {
+        const int status = FetchDescription(options, server, &description);
+        if (status >= 0) {
+            return status;
+        }
+    }
+    if (options.describe) {
+        fputs((options.schemaFormat ? description->Schema() : description->Tree()).c_str(), stdout);
+        return kPassed;
+    }
+
+    ElemPtr request(rk_elem_new(options.api.c_str()));
+    if (request == nullptr) {
+        return LocalError(options, "\"" + options.api + "\" is not an API name");
+    }
+    std::string error;
+    if (!options.inputFile.empty()) {
+        std::string text;
+        if (options.inputFile == "-") {
+            text.assign(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
+        } else {
+            std::ifstream in(options.inputFile, std::ios::binary);
+            if (!in) {
+                return LocalError(options, "cannot read " + options.inputFile);
+            }
+            text.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+        }
+        const json input = json::parse(text, nullptr, false);
+        if (input.is_discarded() || !input.is_object()) {
+            return LocalError(options, options.inputFile + " is not a JSON object");
+        }
+        const bool added = description
+                               ? description->AddJson(input, request.get(), &error)
+                               : teza_call::AddUntypedJson(input, request.get(), "", &error);
+        if (!added) {
+            return LocalError(options, "--input " + options.inputFile + ": " + error);
+        }
+    }
+    for (const Argument& given : options.arguments) {
+        Argument argument = given;
+        if (description) {
+            bool encrypt = false;
+            if (!description->CheckArgument(argument.name, argument.value, &encrypt, &error)) {
+                return LocalError(options, error);
+            }
+            argument.encrypted = argument.encrypted || encrypt;
+        }
+        if (!AddArgument(request.get(), argument, &error)) {
+            return LocalError(options, error);
+        }
+    }
+
+    ElemPtr result(rk_server_invoke_elem(server, request.get()));
+    if (rk_results_status(result.get()) != 1) {
+        return ReportFailure(options, options.api, result.get());
+    }
+    if (options.json) {
+        json output = description ? description->ResultJson(result.get(), stderr)
+                                  : teza_call::UntypedJson(result.get());
+        printf("%s\n", json({{"status", "passed"}, {"result", output}}).dump(2).c_str());
+        return kPassed;
+    }
+    char* text = rk_elem_sprintf(result.get());
+    fputs(text != nullptr ? text : "", stdout);
+    if (text != nullptr && text[0] != '\0' && text[strlen(text) - 1] != '\n') {
+        fputc('\n', stdout);
+    }
+    rk_free(text);
+    return kPassed;
 }
 
 }  // namespace
@@ -297,10 +603,26 @@ int main(int argc, char** argv) {
     char error[256] = "";
     if (rk_startup(error, sizeof error) == 0) {
         fprintf(stderr, "teza-call: the client library did not start: %s\n", error);
-        return 1;
+        return kLocalError;
     }
-    int status;
-    {
+    int status = kLocalError;
+    std::string key;
+    bool keyRead = true;
+    if (!options.keyFile.empty()) {
+        std::ifstream in(options.keyFile);
+        keyRead = static_cast<bool>(std::getline(in, key)) && !key.empty();
+        if (!key.empty() && key.back() == '\r') {
+            key.pop_back();
+        }
+        keyRead = keyRead && !key.empty();
+        if (!keyRead) {
+            fprintf(stderr, "teza-call: cannot read a key from the first line of %s\n",
+                    options.keyFile.c_str());
+        } else {
+            rk_set_default_key(key.c_str());
+        }
+    }
+    if (keyRead) {
         // Declared in this order so that the server is unregistered before the core goes.
         std::unique_ptr<tezad::ServiceCore> core;
         tezad::DemoService service;
@@ -315,7 +637,9 @@ int main(int argc, char** argv) {
             service.Install(core.get());
             inProcess.reset(new tezad::InProcessServer(kInProcessName, core.get()));
         }
-        status = Call(options);
+        rk_server_t* server = Open(options);
+        status = Call(options, server);
+        rk_server_close(server);
     }
     rk_shutdown();
     return status;
