@@ -25,6 +25,7 @@
 #include <curl/curl.h>
 #include <errno.h>
 #include <netinet/in.h>
+#include <openssl/evp.h>
 #include <pthread.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -199,7 +200,7 @@ class CurlConnection final : public HttpConnection {
     void Apply(const ServerSettings& s);
     void ApplyEndpoint(const ServerSettings& s);
     void ApplyTransfer(const ServerSettings& s);
-    void ApplyCredentials(const ServerSettings& s);
+    static std::string Authorization(const ServerSettings& s);
     void ApplyTls(const ServerSettings& s);
     void ApplyHeaders(const ServerSettings& s);
     CURLcode Perform();
@@ -272,7 +273,6 @@ void CurlConnection::Apply(const ServerSettings& s) {
     _headers = nullptr;
     ApplyEndpoint(s);
     ApplyTransfer(s);
-    ApplyCredentials(s);
     ApplyTls(s);
     ApplyHeaders(s);
     _appliedGeneration = s.generation;
@@ -314,7 +314,6 @@ void CurlConnection::ApplyTransfer(const ServerSettings& s) {
     SetOpt(_easy, CURLOPT_NOSIGNAL, 1L);  // several threads; time-outs without SIGALRM
     SetOpt(_easy, CURLOPT_TCP_NODELAY, 1L);
     SetOpt(_easy, CURLOPT_MAXCONNECTS, 1L);
-    SetOpt(_easy, CURLOPT_USERAGENT, "librk/" RK_VERSION);
     SetOpt(_easy, CURLOPT_ERRORBUFFER, _error);
     SetOpt(_easy, CURLOPT_WRITEFUNCTION, &CurlConnection::OnBody);
     SetOpt(_easy, CURLOPT_WRITEDATA, static_cast<void*>(this));
@@ -333,19 +332,31 @@ void CurlConnection::ApplyTransfer(const ServerSettings& s) {
     }
 }
 
-// Credentials by style. The certificate style sends none in HTTP: the client certificate
+// Credentials by style, as the Authorization header field of every request, which
+// ApplyHeaders writes. The certificate style sends none in HTTP: the client certificate
 // (ApplyTls) is its credential (the call was refused before this point without HTTPS and a
-// certificate). The token style sends the admin user's password as a bearer token, sent
-// with the first request, like basic authentication, since it is the only method allowed.
-void CurlConnection::ApplyCredentials(const ServerSettings& s) {
+// certificate). The token style sends the admin user's password as a bearer token, sent with
+// the first request, like basic authentication, since it is the only method allowed.
+//
+// The field is what libcurl writes for CURLAUTH_BASIC with CURLOPT_USERNAME and
+// CURLOPT_PASSWORD (the base64 of "login:password"), or for CURLAUTH_BEARER with
+// CURLOPT_XOAUTH2_BEARER, at the same place in the request; libcurl would format it anew for
+// every request. Custom fields go to the server only, never to a proxy's CONNECT request
+// (CURLHEADER_SEPARATE), as libcurl's own credentials do.
+std::string CurlConnection::Authorization(const ServerSettings& s) {
     if (s.style == RK_STYLE_LOGIN_PASSWORD && s.hasUser) {
-        SetOpt(_easy, CURLOPT_HTTPAUTH, static_cast<long>(CURLAUTH_BASIC));
-        SetOpt(_easy, CURLOPT_USERNAME, s.login.c_str());
-        SetOpt(_easy, CURLOPT_PASSWORD, s.password.c_str());
-    } else if (s.style == RK_STYLE_TOKEN) {
-        SetOpt(_easy, CURLOPT_HTTPAUTH, static_cast<long>(CURLAUTH_BEARER));
-        SetOpt(_easy, CURLOPT_XOAUTH2_BEARER, s.password.c_str());
+        const std::string pair = s.login + ":" + s.password;
+        std::string encoded(4 * ((pair.size() + 2) / 3) + 1, '\0');
+        const int n = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(&encoded[0]),
+                                      reinterpret_cast<const unsigned char*>(pair.data()),
+                                      static_cast<int>(pair.size()));
+        encoded.resize(n < 0 ? 0 : static_cast<size_t>(n));
+        return "Authorization: Basic " + encoded;
     }
+    if (s.style == RK_STYLE_TOKEN) {
+        return "Authorization: Bearer " + s.password;
+    }
+    return std::string();
 }
 
 // HTTPS: verification of the server, the trusted CAs, the client certificate and the sharing
@@ -385,9 +396,15 @@ void CurlConnection::ApplyTls(const ServerSettings& s) {
     }
 }
 
-// The request's header fields besides those libcurl writes itself. The list stays the same
-// for every call until the settings change.
+// The request's header fields besides those libcurl writes itself (Host, Content-Length).
+// The list stays the same for every call until the settings change, so that libcurl formats
+// none of them per request.
 void CurlConnection::ApplyHeaders(const ServerSettings& s) {
+    const std::string authorization = Authorization(s);
+    if (!authorization.empty()) {
+        AddHeader(&_headers, authorization);
+    }
+    AddHeader(&_headers, "User-Agent: librk/" RK_VERSION);
     AddHeader(&_headers, "Content-Type: application/xml; charset=utf-8");
     AddHeader(&_headers, "Accept: application/xml");
     AddHeader(&_headers,
@@ -396,6 +413,7 @@ void CurlConnection::ApplyHeaders(const ServerSettings& s) {
     // No "Expect: 100-continue" round trip before larger requests.
     AddHeader(&_headers, "Expect:");
     SetOpt(_easy, CURLOPT_HTTPHEADER, _headers);
+    SetOpt(_easy, CURLOPT_HEADEROPT, static_cast<long>(CURLHEADER_SEPARATE));
 }
 
 rk_elem* CurlConnection::Call(const ServerSettings& s, const std::string& body) {
