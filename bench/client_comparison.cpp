@@ -417,8 +417,8 @@ void ReadVolumes(rk_elem_t* result, std::vector<VolumeData>* volumes) {
         VolumeData& v = volumes->back();
         v.name = DecodeEntities(ChildText(elem, "name"));
         v.uuid = DecodeEntities(ChildText(elem, "uuid"));
-        v.sizeBytes = strtoull(ChildText(elem, "size-bytes"), nullptr, 10);
-        v.usedBytes = strtoull(ChildText(elem, "used-bytes"), nullptr, 10);
+        v.sizeBytes = strtoull(ChildText(elem, "size"), nullptr, 10);
+        v.usedBytes = strtoull(ChildText(elem, "used"), nullptr, 10);
         v.online = rk_child_get_bool(elem, "online", 0) != 0;
         rk_iterator_t mounts = rk_child_iterator(rk_elem_child(elem, "mounts"));
         for (rk_elem_t* m = rk_iterator_next(&mounts); m != nullptr;
@@ -437,7 +437,7 @@ bool VolumeIs(long i, const std::string& name, uint64_t size, uint64_t used, boo
     snprintf(expected, sizeof expected, "volume-%06ld", i);
     return name == expected && size == (static_cast<uint64_t>(i) + 1) << 30 &&
            used == static_cast<uint64_t>(i) << 20 && online == (i % 2 == 0) &&
-           path == std::string("/export/volumes/") + expected && readOnly == (i % 3 == 0);
+           path == std::string("/srv/") + expected && readOnly == (i % 3 == 0);
 }
 
 bool CheckHand(const std::vector<VolumeData>& volumes, long count) {
@@ -469,7 +469,7 @@ bool CheckRuntime(const bench::VolumeList& list, long count) {
         std::vector<bench::Mount> mounts;
         std::string path;
         bool readOnly = false;
-        if (!v.getName(name) || !v.getSizeBytes(size) || !v.getUsedBytes(used) ||
+        if (!v.getName(name) || !v.getSize(size) || !v.getUsed(used) ||
             !v.getOnline(online) || !v.getMounts(mounts) || mounts.size() != 1 ||
             !mounts[0].getPath(path) || !mounts[0].getReadOnly(readOnly) ||
             !VolumeIs(i, name, size, used, online, path, readOnly)) {

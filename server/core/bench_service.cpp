@@ -88,7 +88,7 @@ ElemPtr BenchService::Call(const Args& args) {
 }
 
 // Volume i: "volume-<i, 6 digits>", a UUID made of i, size (i + 1) GiB, used i MiB, online
-// when i is even, one mount on node "node-<i % 16>" at "/export/volumes/volume-<i>",
+// when i is even, one mount on node "node-<i % 16>" at "/srv/volume-<i>",
 // read-only when i is a multiple of 3.
 ElemPtr BenchService::Volumes(const Args& args) {
     const int64_t count = args.Integer("count", 0, 0, kBenchMaxVolumes, kErrBenchInvalid);
@@ -103,13 +103,13 @@ ElemPtr BenchService::Volumes(const Args& args) {
         snprintf(text, sizeof text, "%08llx-0000-4000-8000-%012llx", static_cast<long long>(i),
                  static_cast<long long>(i) * 7919);
         AddText(volume, "uuid", text);
-        AddUnsigned(volume, "size-bytes", (static_cast<unsigned long long>(i) + 1) << 30);
-        AddUnsigned(volume, "used-bytes", static_cast<unsigned long long>(i) << 20);
+        AddUnsigned(volume, "size", (static_cast<unsigned long long>(i) + 1) << 30);
+        AddUnsigned(volume, "used", static_cast<unsigned long long>(i) << 20);
         AddBool(volume, "online", i % 2 == 0);
         rk_elem_t* mount = AddElem(AddElem(volume, "mounts"), "mount");
         snprintf(text, sizeof text, "node-%02lld", static_cast<long long>(i % 16));
         AddText(mount, "node", text);
-        AddText(mount, "path", "/export/volumes/" + name);
+        AddText(mount, "path", "/srv/" + name);
         AddBool(mount, "read-only", i % 3 == 0);
     }
     return result;
