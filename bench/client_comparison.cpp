@@ -34,6 +34,7 @@
 #include <string.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 #include <pugixml.hpp>
 
@@ -469,9 +470,9 @@ bool CheckRuntime(const bench::VolumeList& list, long count) {
         std::vector<bench::Mount> mounts;
         std::string path;
         bool readOnly = false;
-        if (!v.getName(name) || !v.getSize(size) || !v.getUsed(used) ||
-            !v.getOnline(online) || !v.getMounts(mounts) || mounts.size() != 1 ||
-            !mounts[0].getPath(path) || !mounts[0].getReadOnly(readOnly) ||
+        if (!v.getName(name) || !v.getSize(size) || !v.getUsed(used) || !v.getOnline(online) ||
+            !v.getMounts(mounts) || mounts.size() != 1 || !mounts[0].getPath(path) ||
+            !mounts[0].getReadOnly(readOnly) ||
             !VolumeIs(i, name, size, used, online, path, readOnly)) {
             return false;
         }
@@ -646,6 +647,16 @@ int RunMain(int argc, char** argv, const std::string& self) {
             ports.push_back(tezads.back()->port());
         }
     }
+    // The machine's load at the start and at the end of the run, for the report.
+    auto load = [] {
+        double averages[3] = {0, 0, 0};
+        getloadavg(averages, 3);
+        char text[64];
+        snprintf(text, sizeof text, "%.2f, %.2f, %.2f", averages[0], averages[1], averages[2]);
+        return std::string(text);
+    };
+    const time_t started = time(nullptr);
+    const std::string loadAtStart = load();
     std::string results;
     std::mt19937 random(std::random_device{}());
     for (int round = 0; round < rounds; ++round) {
@@ -671,6 +682,10 @@ int RunMain(int argc, char** argv, const std::string& self) {
             results += line;
         }
     }
+    char date[32];
+    strftime(date, sizeof date, "%Y-%m-%dT%H:%M:%SZ", gmtime(&started));
+    results += std::string("{\"side\": \"machine\", \"date\": \"") + date +
+               "\", \"load_start\": \"" + loadAtStart + "\", \"load_end\": \"" + load() + "\"}\n";
     if (out.empty()) {
         fputs(results.c_str(), stdout);
     } else {
