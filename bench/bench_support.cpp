@@ -67,10 +67,11 @@ void MakeCertificate(const TempDir& dir) {
     }
 }
 
-Tezad::Tezad(bool tls) : _tls(tls) {
+Tezad::Tezad(bool tls, const std::vector<std::string>& extraArgs) : _tls(tls) {
     std::vector<std::string> args = {TEZAD_PATH, "--user", std::string(kLogin) + ":" + kPassword,
                                      "--api-version",
                                      std::to_string(kMajor) + "." + std::to_string(kMinor)};
+    args.insert(args.end(), extraArgs.begin(), extraArgs.end());
     if (tls) {
         MakeCertificate(_dir);
         args.insert(args.end(),

@@ -53,10 +53,11 @@ class TempDir {
 void MakeCertificate(const TempDir& dir);
 
 // A tezad executable listening on 127.0.0.1 and a free port, with the benchmarks' user and
-// API version, and HTTPS when `tls` is set. Stopped with SIGTERM at destruction.
+// API version, and HTTPS when `tls` is set, plus the options `extraArgs`. Stopped with SIGTERM
+// at destruction.
 class Tezad {
   public:
-    explicit Tezad(bool tls);
+    explicit Tezad(bool tls, const std::vector<std::string>& extraArgs = {});
     ~Tezad();
     Tezad(const Tezad&) = delete;
     Tezad& operator=(const Tezad&) = delete;

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "bench_service.h"
 #include "demo_service.h"
 #include "http_front_end.h"
 #include "service_core.h"
@@ -39,6 +40,7 @@ const char kUsage[] =
     "  --describe FILE         publish the APIs of this description (teza-gen --describe-out)\n"
     "                          in system-api-list and system-api-describe (repeatable)\n"
     "  --no-demo               do not serve the demo APIs\n"
+    "  --bench                 serve the benchmarks' APIs (bench-call, bench-volumes)\n"
     "  --threads N             connections served at once (default 8)\n"
     "  --keep-alive SECONDS    close idle connections after this long (default 30)\n"
     "  --verbose               log every closed connection\n";
@@ -87,6 +89,7 @@ int main(int argc, char** argv) {
     std::string scriptPath;
     std::vector<std::string> describePaths;
     bool demo = true;
+    bool bench = false;
 
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
@@ -102,6 +105,8 @@ int main(int argc, char** argv) {
             return 0;
         } else if (arg == "--no-demo") {
             demo = false;
+        } else if (arg == "--bench") {
+            bench = true;
         } else if (arg == "--verbose") {
             http.verbose = true;
         } else if ((v = value()) == nullptr) {
@@ -209,6 +214,9 @@ int main(int argc, char** argv) {
     tezad::DemoService demoService;
     if (demo) {
         demoService.Install(&service);
+    }
+    if (bench) {
+        tezad::BenchService::Install(&service);
     }
     for (const std::string& path : describePaths) {
         std::ifstream in(path, std::ios::binary);

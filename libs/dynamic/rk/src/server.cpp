@@ -103,6 +103,9 @@ rk_elem* CheckSettings(const rk::ServerSettings& s) {
     return nullptr;
 }
 
+// The largest request buffer that a handle keeps for its next call.
+const size_t kKeptRequestBytes = 64 * 1024;
+
 rk_elem* Invoke(rk_server* server, const rk_elem* request) {
     if (server == nullptr) {
         return rk::ResultsNewFailedWire("no server handle", RK_ERR_REQUEST);
@@ -131,9 +134,18 @@ rk_elem* Invoke(rk_server* server, const rk_elem* request) {
                 RK_ERR_NOT_STARTED);
         }
     }
-    std::string body = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n";
+    // The handle's request buffer keeps its memory from call to call, unless a large request
+    // made it large.
+    std::string& body = server->requestText;
+    body.assign("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n");
     rk::WriteXml(request, &body);
-    return server->http->Call(s, body);
+    rk_elem* result = server->http->Call(s, body);
+    if (body.capacity() > kKeptRequestBytes) {
+        std::string().swap(body);
+    } else {
+        body.clear();
+    }
+    return result;
 }
 
 // Runs a call; memory exhaustion becomes a failed result if even that can be allocated.

@@ -70,6 +70,7 @@ CURLSH* TlsSessionShare();
 struct rk_server {
     rk::ServerSettings settings;
     std::unique_ptr<rk::HttpConnection> http;
+    std::string requestText;  // the XML text of the HTTP request being sent
 };
 
 #endif  // RK_TRANSPORT_H_

@@ -1,10 +1,13 @@
 // HTTP, HTTPS and HTTP over a Unix socket, on libcurl.
 //
-// Each server handle owns one easy handle. An easy handle used on its own keeps its own
-// connection cache, so the connection made by the first call stays open and the next calls
-// reuse it; closing the handle (curl_easy_cleanup) closes it. The options are applied again
-// only when a setter changed something: curl_easy_reset clears the options but keeps the open
-// connection.
+// Each server handle owns one easy handle and one multi handle, which runs the easy handle's
+// transfers and keeps their connection in its connection cache: the connection made by the
+// first call stays open and the next calls reuse it; closing the handle (curl_multi_cleanup)
+// closes it. Driving the multi handle here rather than through curl_easy_perform saves a
+// system call per call: curl_easy_perform polls before it starts a transfer, where the loop
+// below starts at once and polls only while libcurl waits for the server. The options are
+// applied again only when a setter changed something: curl_easy_reset clears the options but
+// keeps the open connection.
 //
 // What an answer may cost: its body is held in one buffer that never grows past the handle's
 // limit (so receiving costs about the limit at most, never the doubling of a growing string),
@@ -22,6 +25,7 @@
 #include <curl/curl.h>
 #include <errno.h>
 #include <netinet/in.h>
+#include <openssl/evp.h>
 #include <pthread.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -167,8 +171,9 @@ class SigpipeBlock {
 
 class CurlConnection final : public HttpConnection {
   public:
-    explicit CurlConnection(CURL* easy) : _easy(easy) { _error[0] = '\0'; }
+    CurlConnection(CURLM* multi, CURL* easy) : _multi(multi), _easy(easy) { _error[0] = '\0'; }
     ~CurlConnection() override {
+        curl_multi_cleanup(_multi);
         curl_easy_cleanup(_easy);
         curl_slist_free_all(_headers);
         ReleaseCurl();
@@ -186,8 +191,26 @@ class CurlConnection final : public HttpConnection {
         kBody,        // after the final answer's header: body, then trailers
     };
 
+    // A failure's reason and error number; `errnum` 0 while it is not known.
+    struct Failure {
+        std::string reason;
+        int errnum = 0;
+    };
+
     void Apply(const ServerSettings& s);
+    void ApplyEndpoint(const ServerSettings& s);
+    void ApplyTransfer(const ServerSettings& s);
+    static std::string Authorization(const ServerSettings& s);
+    void ApplyTls(const ServerSettings& s);
+    void ApplyHeaders(const ServerSettings& s);
+    CURLcode Perform();
     rk_elem* TransferFailure(CURLcode code, const ServerSettings& s);
+    Failure ResendFailure() const;
+    std::string ClosedAfterSending() const;
+    Failure ConnectFailure(CURLcode code, const ServerSettings& s, const std::string& detail) const;
+    Failure TlsFailure(CURLcode code, const std::string& detail) const;
+    Failure ExchangeFailure(CURLcode code, const std::string& detail) const;
+    Failure ProtocolFailure(CURLcode code, const std::string& detail) const;
     rk_elem* Answer(const ServerSettings& s);
     bool HeaderLine(const char* data, size_t n);
     bool HeaderField(const char* data, size_t n);
@@ -198,6 +221,7 @@ class CurlConnection final : public HttpConnection {
     static int OnPrereq(void* self, char* remoteIp, char* localIp, int remotePort, int localPort);
     static curl_socket_t OnOpenSocket(void* self, curlsocktype purpose, curl_sockaddr* address);
 
+    CURLM* const _multi;
     CURL* const _easy;
     curl_slist* _headers = nullptr;
     uint64_t _appliedGeneration = 0;
@@ -242,11 +266,20 @@ void AddHeader(curl_slist** list, const std::string& header) {
     *list = extended;
 }
 
+// Sets every option of the easy handle from the settings, after clearing the previous ones.
 void CurlConnection::Apply(const ServerSettings& s) {
     curl_easy_reset(_easy);
     curl_slist_free_all(_headers);
     _headers = nullptr;
+    ApplyEndpoint(s);
+    ApplyTransfer(s);
+    ApplyTls(s);
+    ApplyHeaders(s);
+    _appliedGeneration = s.generation;
+}
 
+// Where calls go: the URL, a Unix socket, the proxy; sets `_endpoint` for messages.
+void CurlConnection::ApplyEndpoint(const ServerSettings& s) {
     std::string url;
     if (s.transport == RK_TRANSPORT_UNIX_SOCKET) {
         SetOpt(_easy, CURLOPT_UNIX_SOCKET_PATH, s.host.c_str());
@@ -268,6 +301,11 @@ void CurlConnection::Apply(const ServerSettings& s) {
     if (s.transport == RK_TRANSPORT_UNIX_SOCKET || IsLoopbackHost(s.host)) {
         SetOpt(_easy, CURLOPT_PROXY, "");
     }
+}
+
+// How a call is carried out: HTTP/1.1 POST, this object's callbacks, the answer's size limit
+// and the time-outs.
+void CurlConnection::ApplyTransfer(const ServerSettings& s) {
     SetOpt(_easy, CURLOPT_PROTOCOLS_STR, "http,https");
     // Whatever the system's OpenSSL configuration allows (also towards an HTTPS proxy).
     SetOpt(_easy, CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
@@ -276,7 +314,6 @@ void CurlConnection::Apply(const ServerSettings& s) {
     SetOpt(_easy, CURLOPT_NOSIGNAL, 1L);  // several threads; time-outs without SIGALRM
     SetOpt(_easy, CURLOPT_TCP_NODELAY, 1L);
     SetOpt(_easy, CURLOPT_MAXCONNECTS, 1L);
-    SetOpt(_easy, CURLOPT_USERAGENT, "librk/" RK_VERSION);
     SetOpt(_easy, CURLOPT_ERRORBUFFER, _error);
     SetOpt(_easy, CURLOPT_WRITEFUNCTION, &CurlConnection::OnBody);
     SetOpt(_easy, CURLOPT_WRITEDATA, static_cast<void*>(this));
@@ -293,20 +330,38 @@ void CurlConnection::Apply(const ServerSettings& s) {
         SetOpt(_easy, CURLOPT_CONNECTTIMEOUT, static_cast<long>(s.timeoutSeconds));
         SetOpt(_easy, CURLOPT_TIMEOUT, static_cast<long>(s.timeoutSeconds));
     }
+}
 
-    // Credentials by style. The certificate style sends none in HTTP: the client certificate
-    // below is its credential (the call was refused before this point without HTTPS and a
-    // certificate). The token style sends the admin user's password as a bearer token, sent
-    // with the first request, like basic authentication, since it is the only method allowed.
+// Credentials by style, as the Authorization header field of every request, which
+// ApplyHeaders writes. The certificate style sends none in HTTP: the client certificate
+// (ApplyTls) is its credential (the call was refused before this point without HTTPS and a
+// certificate). The token style sends the admin user's password as a bearer token, sent with
+// the first request, like basic authentication, since it is the only method allowed.
+//
+// The field is what libcurl writes for CURLAUTH_BASIC with CURLOPT_USERNAME and
+// CURLOPT_PASSWORD (the base64 of "login:password"), or for CURLAUTH_BEARER with
+// CURLOPT_XOAUTH2_BEARER, at the same place in the request; libcurl would format it anew for
+// every request. Custom fields go to the server only, never to a proxy's CONNECT request
+// (CURLHEADER_SEPARATE), as libcurl's own credentials do.
+std::string CurlConnection::Authorization(const ServerSettings& s) {
     if (s.style == RK_STYLE_LOGIN_PASSWORD && s.hasUser) {
-        SetOpt(_easy, CURLOPT_HTTPAUTH, static_cast<long>(CURLAUTH_BASIC));
-        SetOpt(_easy, CURLOPT_USERNAME, s.login.c_str());
-        SetOpt(_easy, CURLOPT_PASSWORD, s.password.c_str());
-    } else if (s.style == RK_STYLE_TOKEN) {
-        SetOpt(_easy, CURLOPT_HTTPAUTH, static_cast<long>(CURLAUTH_BEARER));
-        SetOpt(_easy, CURLOPT_XOAUTH2_BEARER, s.password.c_str());
+        const std::string pair = s.login + ":" + s.password;
+        std::string encoded(4 * ((pair.size() + 2) / 3) + 1, '\0');
+        const int n = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(&encoded[0]),
+                                      reinterpret_cast<const unsigned char*>(pair.data()),
+                                      static_cast<int>(pair.size()));
+        encoded.resize(n < 0 ? 0 : static_cast<size_t>(n));
+        return "Authorization: Basic " + encoded;
     }
+    if (s.style == RK_STYLE_TOKEN) {
+        return "Authorization: Bearer " + s.password;
+    }
+    return std::string();
+}
 
+// HTTPS: verification of the server, the trusted CAs, the client certificate and the sharing
+// of TLS sessions between handles.
+void CurlConnection::ApplyTls(const ServerSettings& s) {
     if (s.transport == RK_TRANSPORT_HTTPS) {
         SetOpt(_easy, CURLOPT_SSL_VERIFYPEER, 1L);
         SetOpt(_easy, CURLOPT_SSL_VERIFYHOST, 2L);
@@ -339,7 +394,17 @@ void CurlConnection::Apply(const ServerSettings& s) {
             SetOpt(_easy, CURLOPT_SSL_SESSIONID_CACHE, 0L);
         }
     }
+}
 
+// The request's header fields besides those libcurl writes itself (Host, Content-Length).
+// The list stays the same for every call until the settings change, so that libcurl formats
+// none of them per request.
+void CurlConnection::ApplyHeaders(const ServerSettings& s) {
+    const std::string authorization = Authorization(s);
+    if (!authorization.empty()) {
+        AddHeader(&_headers, authorization);
+    }
+    AddHeader(&_headers, "User-Agent: librk/" RK_VERSION);
     AddHeader(&_headers, "Content-Type: application/xml; charset=utf-8");
     AddHeader(&_headers, "Accept: application/xml");
     AddHeader(&_headers,
@@ -348,8 +413,7 @@ void CurlConnection::Apply(const ServerSettings& s) {
     // No "Expect: 100-continue" round trip before larger requests.
     AddHeader(&_headers, "Expect:");
     SetOpt(_easy, CURLOPT_HTTPHEADER, _headers);
-
-    _appliedGeneration = s.generation;
+    SetOpt(_easy, CURLOPT_HEADEROPT, static_cast<long>(CURLHEADER_SEPARATE));
 }
 
 rk_elem* CurlConnection::Call(const ServerSettings& s, const std::string& body) {
@@ -377,7 +441,7 @@ rk_elem* CurlConnection::Call(const ServerSettings& s, const std::string& body) 
     CURLcode code;
     {
         SigpipeBlock block(s.transport == RK_TRANSPORT_HTTPS);
-        code = curl_easy_perform(_easy);
+        code = Perform();
     }
     rk_elem* result;
     if (code != CURLE_OK) {
@@ -396,130 +460,197 @@ rk_elem* CurlConnection::Call(const ServerSettings& s, const std::string& body) 
     return result;
 }
 
+// Runs one transfer of the easy handle on the multi handle, as curl_easy_perform would (the
+// same results, a failure of the multi handle mapped as it maps it), without its first poll.
+CURLcode CurlConnection::Perform() {
+    CURLMcode multiCode = curl_multi_add_handle(_multi, _easy);
+    CURLcode code = CURLE_OK;
+    bool done = false;
+    while (!done && multiCode == CURLM_OK) {
+        int running = 0;
+        multiCode = curl_multi_perform(_multi, &running);
+        if (multiCode != CURLM_OK) {
+            break;
+        }
+        if (running == 0) {
+            int queued = 0;
+            if (CURLMsg* message = curl_multi_info_read(_multi, &queued)) {
+                code = message->data.result;
+            }
+            done = true;
+        } else {
+            // Time-outs end the wait as well: libcurl shortens it to its next deadline.
+            multiCode = curl_multi_poll(_multi, nullptr, 0, 1000, nullptr);
+        }
+    }
+    if (multiCode != CURLM_OK) {
+        code = multiCode == CURLM_OUT_OF_MEMORY ? CURLE_OUT_OF_MEMORY : CURLE_BAD_FUNCTION_ARGUMENT;
+    }
+    curl_multi_remove_handle(_multi, _easy);
+    return code;
+}
+
+// The failed result of a transfer that libcurl ended with `code`.
 rk_elem* CurlConnection::TransferFailure(CURLcode code, const ServerSettings& s) {
     const std::string detail = _error[0] != '\0' ? _error : curl_easy_strerror(code);
-    const std::string limit = std::to_string(s.timeoutSeconds) + " s";
-    const std::string sentOnce =
-        _endpoint +
-        " closed the connection without an answer after the request was sent: it may have been "
-        "carried out (librk sends a request once)";
+    Failure failure;
     // The connection was lost once the request went out, and libcurl would have sent it again
     // on a new connection (refused by OnOpenSocket), or it gave up after its own count of such
     // attempts (a send error).
     if (_resendRefused || (code == CURLE_SEND_ERROR && _requestSent)) {
+        failure = ResendFailure();
+    } else {
+        switch (code) {
+            case CURLE_COULDNT_RESOLVE_HOST:
+            case CURLE_COULDNT_CONNECT:
+            case CURLE_OPERATION_TIMEDOUT:
+                failure = ConnectFailure(code, s, detail);
+                break;
+            case CURLE_SSL_CONNECT_ERROR:
+            case CURLE_PEER_FAILED_VERIFICATION:
+            case CURLE_SSL_CERTPROBLEM:
+            case CURLE_SSL_CACERT_BADFILE:
+            case CURLE_SSL_CIPHER:
+            case CURLE_SSL_CRL_BADFILE:
+            case CURLE_SSL_ENGINE_NOTFOUND:
+            case CURLE_SSL_ENGINE_SETFAILED:
+            case CURLE_SSL_ENGINE_INITFAILED:
+                failure = TlsFailure(code, detail);
+                break;
+            default:
+                failure = ExchangeFailure(code, detail);
+                if (failure.errnum == 0) {
+                    failure = ProtocolFailure(code, detail);
+                }
+        }
+    }
+    if (failure.errnum == 0) {
+        failure = {"the call to " + _endpoint + " failed: " + detail + " (libcurl error " +
+                       std::to_string(code) + ")",
+                   RK_ERR_OTHER};
+    }
+    return ResultsNewFailedWire(failure.reason, failure.errnum);
+}
+
+// The request went out and the connection was lost before an answer: it is not sent again.
+CurlConnection::Failure CurlConnection::ResendFailure() const {
+    long osErrno = 0;
+    curl_easy_getinfo(_easy, CURLINFO_OS_ERRNO, &osErrno);
+    if (osErrno == ECONNRESET) {
+        return {"receiving from " + _endpoint +
+                    " failed: the connection was reset after the request was sent: it may have "
+                    "been carried out (librk sends a request once)",
+                RK_ERR_RECV};
+    }
+    return {ClosedAfterSending(), RK_ERR_CLOSED};
+}
+
+std::string CurlConnection::ClosedAfterSending() const {
+    return _endpoint +
+           " closed the connection without an answer after the request was sent: it may have "
+           "been carried out (librk sends a request once)";
+}
+
+// Resolving the host, connecting, and the time-out.
+CurlConnection::Failure CurlConnection::ConnectFailure(CURLcode code, const ServerSettings& s,
+                                                       const std::string& detail) const {
+    if (code == CURLE_COULDNT_RESOLVE_HOST) {
+        return {"cannot resolve host '" + s.host + "': " + detail, RK_ERR_RESOLVE};
+    }
+    if (code == CURLE_COULDNT_CONNECT) {
         long osErrno = 0;
         curl_easy_getinfo(_easy, CURLINFO_OS_ERRNO, &osErrno);
-        if (osErrno == ECONNRESET) {
-            return ResultsNewFailedWire("receiving from " + _endpoint +
-                                            " failed: the connection was reset after the "
-                                            "request was sent: it may have been carried out "
-                                            "(librk sends a request once)",
-                                        RK_ERR_RECV);
+        if (osErrno == ECONNREFUSED) {
+            return {"connection refused by " + _endpoint, RK_ERR_REFUSED};
         }
-        return ResultsNewFailedWire(sentOnce, RK_ERR_CLOSED);
+        return {"cannot connect to " + _endpoint + ": " + detail, RK_ERR_CONNECT};
     }
+    // The time-out. Nothing was sent when it struck before the transfer began.
+    const std::string limit = std::to_string(s.timeoutSeconds) + " s";
+    curl_off_t pretransfer = 0;
+    curl_easy_getinfo(_easy, CURLINFO_PRETRANSFER_TIME_T, &pretransfer);
+    if (pretransfer == 0) {
+        return {"connecting to " + _endpoint + " timed out after " + limit, RK_ERR_CONNECT_TIMEOUT};
+    }
+    return {"no answer from " + _endpoint + " within " + limit, RK_ERR_TIMEOUT};
+}
+
+// The TLS handshake, the server's certificate, and the client's own TLS set-up.
+CurlConnection::Failure CurlConnection::TlsFailure(CURLcode code, const std::string& detail) const {
+    if (code == CURLE_SSL_CONNECT_ERROR) {
+        return {"TLS handshake with " + _endpoint + " failed: " + detail, RK_ERR_TLS_HANDSHAKE};
+    }
+    if (code == CURLE_PEER_FAILED_VERIFICATION) {
+        return {"the certificate of " + _endpoint + " is not trusted: " + detail,
+                RK_ERR_TLS_UNTRUSTED};
+    }
+    return {"cannot set up TLS for " + _endpoint + ": " + detail, RK_ERR_TLS_SETUP};
+}
+
+// Sending the request and receiving the answer; errnum 0 for a code of another kind.
+CurlConnection::Failure CurlConnection::ExchangeFailure(CURLcode code,
+                                                        const std::string& detail) const {
+    const std::string overLimit =
+        "the answer of " + _endpoint + " is over the limit of " + std::to_string(_limit) + " bytes";
     switch (code) {
-        case CURLE_COULDNT_RESOLVE_HOST:
-            return ResultsNewFailedWire("cannot resolve host '" + s.host + "': " + detail,
-                                        RK_ERR_RESOLVE);
-        case CURLE_COULDNT_CONNECT: {
-            long osErrno = 0;
-            curl_easy_getinfo(_easy, CURLINFO_OS_ERRNO, &osErrno);
-            if (osErrno == ECONNREFUSED) {
-                return ResultsNewFailedWire("connection refused by " + _endpoint, RK_ERR_REFUSED);
-            }
-            return ResultsNewFailedWire("cannot connect to " + _endpoint + ": " + detail,
-                                        RK_ERR_CONNECT);
-        }
-        case CURLE_OPERATION_TIMEDOUT: {
-            // Nothing was sent when the time-out struck before the transfer began.
-            curl_off_t pretransfer = 0;
-            curl_easy_getinfo(_easy, CURLINFO_PRETRANSFER_TIME_T, &pretransfer);
-            if (pretransfer == 0) {
-                return ResultsNewFailedWire(
-                    "connecting to " + _endpoint + " timed out after " + limit,
-                    RK_ERR_CONNECT_TIMEOUT);
-            }
-            return ResultsNewFailedWire("no answer from " + _endpoint + " within " + limit,
-                                        RK_ERR_TIMEOUT);
-        }
-        case CURLE_SSL_CONNECT_ERROR:
-            return ResultsNewFailedWire("TLS handshake with " + _endpoint + " failed: " + detail,
-                                        RK_ERR_TLS_HANDSHAKE);
-        case CURLE_PEER_FAILED_VERIFICATION:
-            return ResultsNewFailedWire(
-                "the certificate of " + _endpoint + " is not trusted: " + detail,
-                RK_ERR_TLS_UNTRUSTED);
-        case CURLE_SSL_CERTPROBLEM:
-        case CURLE_SSL_CACERT_BADFILE:
-        case CURLE_SSL_CIPHER:
-        case CURLE_SSL_CRL_BADFILE:
-        case CURLE_SSL_ENGINE_NOTFOUND:
-        case CURLE_SSL_ENGINE_SETFAILED:
-        case CURLE_SSL_ENGINE_INITFAILED:
-            return ResultsNewFailedWire("cannot set up TLS for " + _endpoint + ": " + detail,
-                                        RK_ERR_TLS_SETUP);
         case CURLE_GOT_NOTHING:
-            return ResultsNewFailedWire(
-                _requestSent ? sentOnce : _endpoint + " closed the connection without an answer",
-                RK_ERR_CLOSED);
+            return {_requestSent ? ClosedAfterSending()
+                                 : _endpoint + " closed the connection without an answer",
+                    RK_ERR_CLOSED};
         case CURLE_RECV_ERROR: {
             // A chunked body that cannot be decoded fails as a receive error without any
             // error of the socket's.
             long osErrno = 0;
             curl_easy_getinfo(_easy, CURLINFO_OS_ERRNO, &osErrno);
             if (_headerState == HeaderState::kBody && _transferEncoding && osErrno == 0) {
-                return ResultsNewFailedWire("the answer of " + _endpoint +
-                                                " cannot be accepted: its chunked body is "
-                                                "malformed: " +
-                                                detail,
-                                            RK_ERR_PROTOCOL);
+                return {"the answer of " + _endpoint +
+                            " cannot be accepted: its chunked body is malformed: " + detail,
+                        RK_ERR_PROTOCOL};
             }
-            return ResultsNewFailedWire("receiving from " + _endpoint + " failed: " + detail,
-                                        RK_ERR_RECV);
+            return {"receiving from " + _endpoint + " failed: " + detail, RK_ERR_RECV};
         }
         case CURLE_SEND_ERROR:
-            return ResultsNewFailedWire("sending to " + _endpoint + " failed: " + detail,
-                                        RK_ERR_SEND);
+            return {"sending to " + _endpoint + " failed: " + detail, RK_ERR_SEND};
         case CURLE_PARTIAL_FILE:
-            return ResultsNewFailedWire("the answer of " + _endpoint + " was cut short: " + detail,
-                                        RK_ERR_TRUNCATED);
+            return {"the answer of " + _endpoint + " was cut short: " + detail, RK_ERR_TRUNCATED};
         case CURLE_FILESIZE_EXCEEDED:
-            return ResultsNewFailedWire("the answer of " + _endpoint + " is over the limit of " +
-                                            std::to_string(_limit) + " bytes",
-                                        RK_ERR_TOO_LARGE);
+            return {overLimit, RK_ERR_TOO_LARGE};
         case CURLE_WRITE_ERROR:
+            // One of the callbacks refused the answer, and said why.
             if (!_refusal.empty()) {
-                return ResultsNewFailedWire(
-                    "the answer of " + _endpoint + " cannot be accepted: " + _refusal,
-                    RK_ERR_PROTOCOL);
+                return {"the answer of " + _endpoint + " cannot be accepted: " + _refusal,
+                        RK_ERR_PROTOCOL};
             }
             if (_outOfMemory) {
-                return ResultsNewFailedWire("out of memory", RK_ERR_NO_MEMORY);
+                return {"out of memory", RK_ERR_NO_MEMORY};
             }
             if (_overLimit) {
-                return ResultsNewFailedWire("the answer of " + _endpoint +
-                                                " is over the limit of " + std::to_string(_limit) +
-                                                " bytes",
-                                            RK_ERR_TOO_LARGE);
+                return {overLimit, RK_ERR_TOO_LARGE};
             }
-            break;
+            return {};
+        default:
+            return {};
+    }
+}
+
+// An answer that is not HTTP/1.1 as librk accepts it; errnum 0 for a code of another kind.
+CurlConnection::Failure CurlConnection::ProtocolFailure(CURLcode code,
+                                                        const std::string& detail) const {
+    switch (code) {
         case CURLE_WEIRD_SERVER_REPLY:
         case CURLE_BAD_CONTENT_ENCODING:
         case CURLE_HTTP2:
-            return ResultsNewFailedWire(
-                "the answer of " + _endpoint + " is not understandable HTTP/1.1: " + detail,
-                RK_ERR_PROTOCOL);
+            return {"the answer of " + _endpoint + " is not understandable HTTP/1.1: " + detail,
+                    RK_ERR_PROTOCOL};
         case CURLE_UNSUPPORTED_PROTOCOL: {
             // Once connected, this is an answer without an HTTP status line (HTTP/0.9).
             curl_off_t pretransfer = 0;
             curl_easy_getinfo(_easy, CURLINFO_PRETRANSFER_TIME_T, &pretransfer);
             if (pretransfer != 0) {
-                return ResultsNewFailedWire(
-                    "the answer of " + _endpoint + " is not HTTP/1.1: " + detail, RK_ERR_PROTOCOL);
+                return {"the answer of " + _endpoint + " is not HTTP/1.1: " + detail,
+                        RK_ERR_PROTOCOL};
             }
-            return ResultsNewFailedWire("libcurl cannot call " + _endpoint + ": " + detail,
-                                        RK_ERR_TRANSPORT);
+            return {"libcurl cannot call " + _endpoint + ": " + detail, RK_ERR_TRANSPORT};
         }
         case CURLE_OUT_OF_MEMORY:
             // libcurl refuses a header line of CURL_MAX_HTTP_HEADER (100 KiB) or more as if
@@ -527,18 +658,14 @@ rk_elem* CurlConnection::TransferFailure(CURLcode code, const ServerSettings& s)
             // small, so between the request and the end of the header this is taken for that
             // refusal.
             if (_requestSent && _headerState != HeaderState::kBody) {
-                return ResultsNewFailedWire(
-                    "the answer of " + _endpoint + " cannot be accepted: a header line is " +
-                        std::to_string(CURL_MAX_HTTP_HEADER) + " bytes or more",
-                    RK_ERR_PROTOCOL);
+                return {"the answer of " + _endpoint + " cannot be accepted: a header line is " +
+                            std::to_string(CURL_MAX_HTTP_HEADER) + " bytes or more",
+                        RK_ERR_PROTOCOL};
             }
-            return ResultsNewFailedWire("out of memory", RK_ERR_NO_MEMORY);
+            return {"out of memory", RK_ERR_NO_MEMORY};
         default:
-            break;
+            return {};
     }
-    return ResultsNewFailedWire("the call to " + _endpoint + " failed: " + detail +
-                                    " (libcurl error " + std::to_string(code) + ")",
-                                RK_ERR_OTHER);
 }
 
 rk_elem* CurlConnection::Answer(const ServerSettings& s) {
@@ -756,13 +883,18 @@ std::unique_ptr<HttpConnection> HttpConnection::Create() {
         return nullptr;
     }
     CURL* easy = curl_easy_init();
-    if (easy == nullptr) {
+    CURLM* multi = easy != nullptr ? curl_multi_init() : nullptr;
+    // One connection, as an easy handle used on its own keeps.
+    if (multi == nullptr || curl_multi_setopt(multi, CURLMOPT_MAXCONNECTS, 1L) != CURLM_OK) {
+        curl_multi_cleanup(multi);
+        curl_easy_cleanup(easy);
         ReleaseCurl();
         throw std::bad_alloc();
     }
     try {
-        return std::make_unique<CurlConnection>(easy);
+        return std::make_unique<CurlConnection>(multi, easy);
     } catch (...) {
+        curl_multi_cleanup(multi);
         curl_easy_cleanup(easy);
         ReleaseCurl();
         throw;

@@ -79,27 +79,34 @@ bool CheckText(const rk_elem* elem, const char* what, const char* text, std::str
 }  // namespace
 
 void AppendEscaped(const char* text, std::string* out) {
-    for (const char* p = text; *p != '\0'; ++p) {
-        char c = *p;
-        switch (c) {
+    // Runs of ordinary characters are appended whole.
+    const char* run = text;
+    for (const char* p = text;; ++p) {
+        const char* entity;
+        switch (*p) {
+            case '\0':
+                out->append(run, static_cast<size_t>(p - run));
+                return;
             case '&':
-                out->append("&amp;");
+                entity = "&amp;";
                 break;
             case '<':
-                out->append("&lt;");
+                entity = "&lt;";
                 break;
             case '>':
-                out->append("&gt;");
+                entity = "&gt;";
                 break;
             case '"':
-                out->append("&quot;");
+                entity = "&quot;";
                 break;
             case '\'':
-                out->append("&apos;");
+                entity = "&apos;";
                 break;
             default:
-                out->push_back(c);
+                continue;
         }
+        out->append(run, static_cast<size_t>(p - run)).append(entity);
+        run = p + 1;
     }
 }
 
@@ -156,7 +163,9 @@ void WriteXml(const rk_elem* root, std::string* out) {
         bool close;
     };
     // Iterative, so that a tree of any depth is written without deep recursion.
-    std::vector<Step> pending{{root, 0, false}};
+    std::vector<Step> pending;
+    pending.reserve(32);
+    pending.push_back({root, 0, false});
     while (!pending.empty()) {
         Step step = pending.back();
         pending.pop_back();
@@ -188,7 +197,9 @@ void WriteXml(const rk_elem* root, std::string* out) {
 }
 
 bool CheckRequestText(const rk_elem* request, std::string* reason) {
-    std::vector<const rk_elem*> pending{request};
+    std::vector<const rk_elem*> pending;
+    pending.reserve(32);
+    pending.push_back(request);
     while (!pending.empty()) {
         const rk_elem* elem = pending.back();
         pending.pop_back();
