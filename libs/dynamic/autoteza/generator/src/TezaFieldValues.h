@@ -27,28 +27,18 @@ struct __ValueType {
 // nothing, for a nested record or an unknown type, which each walk handles itself.
 template <typename Op>
 static inline bool __withValueType(TezaBasicType type, Op&& op) {
+    // One row per type, laid out as the table it is.
+    // clang-format off
     switch (type) {
-        case TezaFieldTypeMetaData::STRING_TYPE:
-            op(__ValueType<std::string>());
-            return true;
-        case TezaFieldTypeMetaData::INT32_TYPE:
-            op(__ValueType<int32_t>());
-            return true;
-        case TezaFieldTypeMetaData::UINT32_TYPE:
-            op(__ValueType<uint32_t>());
-            return true;
-        case TezaFieldTypeMetaData::INT64_TYPE:
-            op(__ValueType<int64_t>());
-            return true;
-        case TezaFieldTypeMetaData::UINT64_TYPE:
-            op(__ValueType<uint64_t>());
-            return true;
-        case TezaFieldTypeMetaData::BOOL_TYPE:
-            op(__ValueType<bool>());
-            return true;
-        default:
-            return false;
+        case TezaFieldTypeMetaData::STRING_TYPE: op(__ValueType<std::string>()); return true;
+        case TezaFieldTypeMetaData::INT32_TYPE:  op(__ValueType<int32_t>());     return true;
+        case TezaFieldTypeMetaData::UINT32_TYPE: op(__ValueType<uint32_t>());    return true;
+        case TezaFieldTypeMetaData::INT64_TYPE:  op(__ValueType<int64_t>());     return true;
+        case TezaFieldTypeMetaData::UINT64_TYPE: op(__ValueType<uint64_t>());    return true;
+        case TezaFieldTypeMetaData::BOOL_TYPE:   op(__ValueType<bool>());        return true;
+        default:                                 return false;
     }
+    // clang-format on
 }
 
 static inline bool __isPrimitive(TezaBasicType type) {
