@@ -684,15 +684,14 @@ static bool __addLink(rk_elem_t*& parent, const char* name) {
     return true;
 }
 
-// Creates the elements that field `i`'s values go under, below `parent`, which becomes the
-// last of them; `name` becomes the name of the value's own element. False as soon as an
-// element is refused.
-static bool __openField(const TezaFieldTypeMetaData& md, int i, rk_elem_t*& parent,
-                        std::string& name) {
+// Creates the elements that field `i` (an array or not) has its values under, below `parent`,
+// which becomes the last of them; `name` becomes the name of the value's own element, which may
+// point into `hierarchy`. False as soon as an element is refused.
+static bool __openField(const TezaFieldTypeMetaData& md, int i, bool isArray, rk_elem_t*& parent,
+                        const char*& name, std::vector<std::string>& hierarchy) {
     const char* fieldName = md.getFieldNameStr(i);
     const char* typeName = md.getFieldTypeStr(i);
     name = fieldName;
-    bool isArray = md.isFieldArrayType(i);
     if (!isArray && md.getFieldType(i) != TezaFieldTypeMetaData::TYPEDEF_TYPE) {
         return true;
     }
@@ -709,8 +708,7 @@ static bool __openField(const TezaFieldTypeMetaData& md, int i, rk_elem_t*& pare
         return true;
     }
     // A nested typedef is written under the chain of its type: T / H[0] / ... / H[n-2].
-    std::vector<std::string> hierarchy =
-        TezaNamespaceFactory::getNestedTypedefHierarchy(md.getNamespace(), typeName);
+    hierarchy = TezaNamespaceFactory::getNestedTypedefHierarchy(md.getNamespace(), typeName);
     if (hierarchy.empty()) {
         return true;
     }
@@ -722,22 +720,22 @@ static bool __openField(const TezaFieldTypeMetaData& md, int i, rk_elem_t*& pare
             return false;
         }
     }
-    name = hierarchy.back();
+    name = hierarchy.back().c_str();
     return true;
 }
 
 // Writes one nested record as an element `name` under `parent`. The nested record is filled
 // before its element is attached.
-static bool __addRecord(rk_elem_t* parent, const std::string& name, const TezaFieldType& record) {
-    rk_elem_t* child = rk_elem_new(name.c_str());
+static bool __addRecord(rk_elem_t* parent, const char* name, const TezaFieldType& record) {
+    rk_elem_t* child = rk_elem_new(name);
     record.constructRkChildElement(child);
     return rk_child_add(parent, child) != NULL;
 }
 
 template <typename T>
-static bool __addItems(rk_elem_t* parent, const std::string& name, int count, const T* values) {
+static bool __addItems(rk_elem_t* parent, const char* name, int count, const T* values) {
     for (int k = 0; k < count; ++k) {
-        if (!__addItem(parent, name.c_str(), values[k])) {
+        if (!__addItem(parent, name, values[k])) {
             return false;
         }
     }
@@ -748,7 +746,7 @@ static bool __addItems(rk_elem_t* parent, const std::string& name, int count, co
 // be read (nothing is written); `retElem` becomes false when a child was refused (the items
 // after it are not written).
 static bool __writeArray(const TezaFieldType& record, TezaBasicType type, int i, rk_elem_t* parent,
-                         const std::string& name, bool& retElem) {
+                         const char* name, bool& retElem) {
     int count = 0;
     bool ret = true;
     if (type == TezaFieldTypeMetaData::TYPEDEF_TYPE) {
@@ -777,7 +775,7 @@ static bool __writeArray(const TezaFieldType& record, TezaBasicType type, int i,
 // Writes single primitive field `i` as `name` under `parent`, with the same results as
 // __writeArray.
 static bool __writeSingle(const TezaFieldType& record, TezaBasicType type, bool encrypted, int i,
-                          rk_elem_t* parent, const std::string& name, bool& retElem) {
+                          rk_elem_t* parent, const char* name, bool& retElem) {
     bool ret = true;
     if (record.isStoreAsRawString()) {
         // Raw text goes out as stored, a boolean included, and may be encrypted.
@@ -785,7 +783,7 @@ static bool __writeSingle(const TezaFieldType& record, TezaBasicType type, bool 
             std::string text;
             ret = record.getRawStringValue(i, text);
             if (ret) {
-                __addChildString(parent, name.c_str(), text, encrypted);
+                __addChildString(parent, name, text, encrypted);
             }
         }
         return ret;
@@ -793,7 +791,7 @@ static bool __writeSingle(const TezaFieldType& record, TezaBasicType type, bool 
     __withValueType(type, [&](auto held) {
         typename decltype(held)::Type value = typename decltype(held)::Type();
         ret = record.getFieldValue(i, value);
-        retElem = !ret || __addSingle(parent, name.c_str(), value, encrypted);
+        retElem = !ret || __addSingle(parent, name, value, encrypted);
     });
     return ret;
 }
@@ -810,12 +808,14 @@ void TezaFieldType::constructRkChildElement(rk_elem_t* elem) const {
             continue;
         }
         TezaBasicType code = md.getFieldType(i);
+        bool isArray = md.isFieldArrayType(i);
         rk_elem_t* parent = elem;
-        std::string name;
-        bool retElem = __openField(md, i, parent, name);
+        const char* name = NULL;
+        std::vector<std::string> hierarchy;
+        bool retElem = __openField(md, i, isArray, parent, name, hierarchy);
         TEZA_ASSERT(retElem);
         bool ret = true;
-        if (md.isFieldArrayType(i)) {
+        if (isArray) {
             ret = __writeArray(*this, code, i, parent, name, retElem);
         } else if (code == TezaFieldTypeMetaData::TYPEDEF_TYPE) {
             TezaFieldType* tezaVal = NULL;
@@ -835,6 +835,15 @@ void TezaFieldType::constructRkChildElement(rk_elem_t* elem) const {
 
 static void __fromText(const char* text, std::string& value) {
     value = ::getDecodedString(text, 0);
+}
+
+// The same for a text already held as a string, which the decoder then reads in place.
+static void __fromText(const std::string& text, std::string& value) {
+    value = ::getDecodedString(text, 0);
+}
+template <typename T>
+static void __fromText(const std::string& text, T& value) {
+    __fromText(text.c_str(), value);
 }
 
 // The hierarchy of field `i`'s type when it is a nested typedef; empty otherwise.
@@ -961,7 +970,7 @@ static void __readSingle(TezaFieldType& record, const TezaFieldTypeMetaData& md,
     } else {
         __withValueType(code, [&](auto type) {
             typename decltype(type)::Type value = typename decltype(type)::Type();
-            __fromText(text.c_str(), value);
+            __fromText(text, value);
             record.setFieldValue(i, std::move(value));
         });
     }
