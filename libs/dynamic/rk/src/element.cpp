@@ -440,6 +440,27 @@ rk_elem* ChildRemove(rk_elem* parent, rk_elem* child) {
     return child;
 }
 
+namespace {
+
+// Fills `child`, a new element the caller owns, with `fill` and attaches it to `parent`. The
+// child is freed when filling or attaching fails; an exception goes on after that.
+template <typename Fill>
+rk_elem* AddFilledChild(rk_elem* parent, rk_elem* child, Fill fill) {
+    try {
+        fill(child);
+        if (ChildAdd(parent, child) != nullptr) {
+            return child;
+        }
+    } catch (...) {
+        ElemFree(child);
+        throw;
+    }
+    ElemFree(child);
+    return nullptr;
+}
+
+}  // namespace
+
 rk_elem* ChildAddString(rk_elem* parent, const char* name, const char* value) {
     if (parent == nullptr || value == nullptr) {
         return nullptr;
@@ -448,17 +469,7 @@ rk_elem* ChildAddString(rk_elem* parent, const char* name, const char* value) {
     if (child == nullptr) {
         return nullptr;
     }
-    try {
-        SetContent(child, value, false);
-        if (ChildAdd(parent, child) == nullptr) {
-            ElemFree(child);
-            return nullptr;
-        }
-    } catch (...) {
-        ElemFree(child);
-        throw;
-    }
-    return child;
+    return AddFilledChild(parent, child, [value](rk_elem* e) { SetContent(e, value, false); });
 }
 
 rk_elem* ChildAddStringEncrypted(rk_elem* parent, const char* name, const char* value,
@@ -470,19 +481,10 @@ rk_elem* ChildAddStringEncrypted(rk_elem* parent, const char* name, const char* 
     if (!EncryptValue(name, value, key, &sealed)) {
         return nullptr;
     }
-    rk_elem* child = ElemNew(name);
-    try {
-        SetContent(child, sealed.c_str(), false);
-        SetAttr(child, kEncryptedAttr, kEncryptedScheme, false);
-        if (ChildAdd(parent, child) == nullptr) {
-            ElemFree(child);
-            return nullptr;
-        }
-    } catch (...) {
-        ElemFree(child);
-        throw;
-    }
-    return child;
+    return AddFilledChild(parent, ElemNew(name), [&sealed](rk_elem* e) {
+        SetContent(e, sealed.c_str(), false);
+        SetAttr(e, kEncryptedAttr, kEncryptedScheme, false);
+    });
 }
 
 rk_elem* ChildAddBool(rk_elem* parent, const char* name, bool value) {

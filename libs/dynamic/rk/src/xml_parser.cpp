@@ -202,12 +202,23 @@ class Parser {
 
     bool CheckChars();
     bool ReadDocument();
+    bool SkipMisc();
+    bool ReadProlog();
+    bool ReadElementTree();
+    bool ReadNode();
+    bool ReadEpilog();
     bool ReadReference();
     bool ReadComment();
     bool ReadProcessingInstruction(bool atStart);
     bool ReadDocumentType();
     bool ReadMisc(bool* read);
     bool ReadStartTag();
+    bool ReadAttributes(const char* at, bool* empty);
+    bool ReadAttribute(const char* at);
+    bool CheckRepeatedAttributes(const char* at);
+    rk_elem* NewElement(const char* name, size_t nameLen);
+    template <typename Check>
+    bool ReadCharsUntil(char stop, Check check);
     bool ReadEndTag();
     bool ReadText();
     bool ReadCdata();
@@ -421,6 +432,25 @@ bool Parser::CheckBudget() {
     return true;
 }
 
+// Reads characters up to `stop` or the end of the document, references included; `check` sees
+// every other character first and refuses it by returning false.
+template <typename Check>
+bool Parser::ReadCharsUntil(char stop, Check check) {
+    while (_p < _end && *_p != stop) {
+        if (!check(*_p)) {
+            return false;
+        }
+        if (*_p == '&') {
+            if (!ReadReference()) {
+                return false;
+            }
+        } else {
+            ++_p;
+        }
+    }
+    return true;
+}
+
 // At "<" of a start tag.
 bool Parser::ReadStartTag() {
     const char* at = _p++;
@@ -437,119 +467,11 @@ bool Parser::ReadStartTag() {
     if (_open.size() + 1 > _limits.maxDepth) {
         return Fail("elements nested deeper than " + std::to_string(_limits.maxDepth), at);
     }
-    if (!CheckBudget()) {
+    bool empty = false;
+    if (!CheckBudget() || !ReadAttributes(at, &empty) || !CheckRepeatedAttributes(at)) {
         return false;
     }
-    _attrs.clear();
-    bool empty = false;
-    for (;;) {
-        const char* before = _p;
-        SkipSpace();
-        if (_p == _end) {
-            return Fail("unterminated start tag", at);
-        }
-        if (*_p == '>') {
-            ++_p;
-            break;
-        }
-        if (*_p == '/') {
-            if (_p + 1 == _end || _p[1] != '>') {
-                return Fail("malformed start tag", _p);
-            }
-            _p += 2;
-            empty = true;
-            break;
-        }
-        RawAttribute attr;
-        if (_p == before || !ReadName(&attr.name, &attr.nameLen)) {
-            return Fail("malformed attribute", _p);
-        }
-        if (++_attributes > _limits.maxAttributes) {
-            return TooLarge("the document has more than " + std::to_string(_limits.maxAttributes) +
-                            " attributes, the limit for a document of " +
-                            std::to_string(_limits.maxBytes) + " bytes");
-        }
-        SkipSpace();
-        if (_p == _end || *_p != '=') {
-            return Fail("attribute without a value", _p);
-        }
-        ++_p;
-        SkipSpace();
-        if (_p == _end || (*_p != '"' && *_p != '\'')) {
-            return Fail("attribute value without quotes", _p);
-        }
-        const char quote = *_p++;
-        attr.value = _p;
-        for (;;) {
-            if (_p == _end) {
-                return Fail("unterminated attribute value", attr.value - 1);
-            }
-            char c = *_p;
-            if (c == quote) {
-                break;
-            }
-            if (c == '<') {
-                return Fail("\"<\" in an attribute value", _p);
-            }
-            if (c == '&') {
-                if (!ReadReference()) {
-                    return false;
-                }
-            } else {
-                ++_p;
-            }
-        }
-        attr.valueLen = static_cast<size_t>(_p - attr.value);
-        ++_p;
-        // The first few are compared as they come, so that a start tag repeating one name
-        // is refused at once; longer lists are sorted below.
-        if (_attrs.size() < 8) {
-            for (const RawAttribute& other : _attrs) {
-                if (other.nameLen == attr.nameLen &&
-                    memcmp(other.name, attr.name, attr.nameLen) == 0) {
-                    return Fail("attribute '" + std::string(attr.name, attr.nameLen) + "' repeated",
-                                at);
-                }
-            }
-        }
-        _attrs.push_back(attr);
-        if ((_attrs.size() & 0xffff) == 0 && !CheckBudget()) {
-            return false;
-        }
-    }
-
-    // Each name once per element: a result with two `status` attributes would otherwise read
-    // as whichever came first.
-    const size_t n = _attrs.size();
-    auto view = [this](size_t i) { return std::string_view(_attrs[i].name, _attrs[i].nameLen); };
-    if (n > 8) {
-        _order.resize(n);
-        for (size_t i = 0; i < n; ++i) {
-            _order[i] = i;
-        }
-        std::sort(_order.begin(), _order.end(), [&](size_t a, size_t b) {
-            return view(a) < view(b) || (view(a) == view(b) && a < b);
-        });
-        for (size_t i = 1; i < n; ++i) {
-            if (view(_order[i]) == view(_order[i - 1])) {
-                return Fail("attribute '" + std::string(view(_order[i])) + "' repeated", at);
-            }
-        }
-    }
-
-    rk_elem* elem = _arena->NewElement();
-    elem->name = _arena->CopyString(name, nameLen);
-    if (n > 0) {
-        elem->attributes = static_cast<RkAttribute*>(_arena->Allocate(n * sizeof(RkAttribute)));
-        for (size_t i = 0; i < n; ++i) {
-            const RawAttribute& a = _attrs[i];
-            elem->attributes[i] =
-                RkAttribute{_arena->CopyString(a.name, a.nameLen),
-                            _arena->CopyString(a.value, a.valueLen), false, false, true};
-        }
-        elem->attrCount = static_cast<uint32_t>(n);
-    }
-    elem->contentMarkup = 1;
+    rk_elem* elem = NewElement(name, nameLen);
     if (!_open.empty()) {
         _open.back().holdsNodes = true;
     }
@@ -563,6 +485,124 @@ bool Parser::ReadStartTag() {
     open.firstChild = _children.size();
     _open.push_back(std::move(open));
     return true;
+}
+
+// The attributes of the start tag at `at`, into _attrs, and its end: `empty` for "/>".
+bool Parser::ReadAttributes(const char* at, bool* empty) {
+    _attrs.clear();
+    for (;;) {
+        const char* before = _p;
+        SkipSpace();
+        if (_p == _end) {
+            return Fail("unterminated start tag", at);
+        }
+        if (*_p == '>') {
+            ++_p;
+            return true;
+        }
+        if (*_p == '/') {
+            if (_p + 1 == _end || _p[1] != '>') {
+                return Fail("malformed start tag", _p);
+            }
+            _p += 2;
+            *empty = true;
+            return true;
+        }
+        if (_p == before) {
+            return Fail("malformed attribute", _p);
+        }
+        if (!ReadAttribute(at)) {
+            return false;
+        }
+    }
+}
+
+// One attribute, name="value" or name='value', of the start tag at `at`.
+bool Parser::ReadAttribute(const char* at) {
+    RawAttribute attr;
+    if (!ReadName(&attr.name, &attr.nameLen)) {
+        return Fail("malformed attribute", _p);
+    }
+    if (++_attributes > _limits.maxAttributes) {
+        return TooLarge("the document has more than " + std::to_string(_limits.maxAttributes) +
+                        " attributes, the limit for a document of " +
+                        std::to_string(_limits.maxBytes) + " bytes");
+    }
+    SkipSpace();
+    if (_p == _end || *_p != '=') {
+        return Fail("attribute without a value", _p);
+    }
+    ++_p;
+    SkipSpace();
+    if (_p == _end || (*_p != '"' && *_p != '\'')) {
+        return Fail("attribute value without quotes", _p);
+    }
+    const char quote = *_p++;
+    attr.value = _p;
+    if (!ReadCharsUntil(quote, [this](char c) {
+            return c != '<' || Fail("\"<\" in an attribute value", _p);
+        })) {
+        return false;
+    }
+    if (_p == _end) {
+        return Fail("unterminated attribute value", attr.value - 1);
+    }
+    attr.valueLen = static_cast<size_t>(_p - attr.value);
+    ++_p;
+    // The first few are compared as they come, so that a start tag repeating one name is
+    // refused at once; longer lists are sorted by CheckRepeatedAttributes.
+    if (_attrs.size() < 8) {
+        for (const RawAttribute& other : _attrs) {
+            if (other.nameLen == attr.nameLen && memcmp(other.name, attr.name, attr.nameLen) == 0) {
+                return Fail("attribute '" + std::string(attr.name, attr.nameLen) + "' repeated",
+                            at);
+            }
+        }
+    }
+    _attrs.push_back(attr);
+    return (_attrs.size() & 0xffff) != 0 || CheckBudget();
+}
+
+// Each name once per element: a result with two `status` attributes would otherwise read as
+// whichever came first.
+bool Parser::CheckRepeatedAttributes(const char* at) {
+    const size_t n = _attrs.size();
+    if (n <= 8) {
+        return true;
+    }
+    auto view = [this](size_t i) { return std::string_view(_attrs[i].name, _attrs[i].nameLen); };
+    _order.resize(n);
+    for (size_t i = 0; i < n; ++i) {
+        _order[i] = i;
+    }
+    std::sort(_order.begin(), _order.end(), [&](size_t a, size_t b) {
+        return view(a) < view(b) || (view(a) == view(b) && a < b);
+    });
+    for (size_t i = 1; i < n; ++i) {
+        if (view(_order[i]) == view(_order[i - 1])) {
+            return Fail("attribute '" + std::string(view(_order[i])) + "' repeated", at);
+        }
+    }
+    return true;
+}
+
+// The element of a start tag just read, with the attributes in _attrs, in the arena.
+rk_elem* Parser::NewElement(const char* name, size_t nameLen) {
+    rk_elem* elem = _arena->NewElement();
+    elem->name = _arena->CopyString(name, nameLen);
+    const size_t n = _attrs.size();
+    if (n > 0) {
+        elem->attributes = static_cast<RkAttribute*>(_arena->Allocate(n * sizeof(RkAttribute)));
+        for (size_t i = 0; i < n; ++i) {
+            const RawAttribute& a = _attrs[i];
+            elem->attributes[i] =
+                RkAttribute{_arena->CopyString(a.name, a.nameLen),
+                            _arena->CopyString(a.value, a.valueLen), false, false, true};
+        }
+        elem->attrCount = static_cast<uint32_t>(n);
+    }
+    elem->contentMarkup = 1;
+    return elem;
 }
 
 // Attaches a finished element to its parent, or makes it the root.
@@ -652,22 +692,14 @@ bool Parser::AddPiece(OpenElement& open, const char* piece, size_t len) {
 bool Parser::ReadText() {
     const char* start = _p;
     bool space = true;
-    while (_p < _end && *_p != '<') {
-        char c = *_p;
-        if (c == '&') {
-            if (!ReadReference()) {
-                return false;
+    if (!ReadCharsUntil('<', [&](char c) {
+            if (c == '>' && _p - start >= 2 && _p[-1] == ']' && _p[-2] == ']') {
+                return Fail("\"]]>\" in text", _p - 2);
             }
-            space = false;
-            continue;
-        }
-        if (c == '>' && _p - start >= 2 && _p[-1] == ']' && _p[-2] == ']') {
-            return Fail("\"]]>\" in text", _p - 2);
-        }
-        if (!Is(c, kSpace)) {
-            space = false;
-        }
-        ++_p;
+            space = space && Is(c, kSpace);
+            return true;
+        })) {
+        return false;
     }
     if (_p == _end) {
         return Fail(
@@ -760,89 +792,102 @@ bool Parser::ReadDocument() {
             return false;
         }
     }
-    // Before the root element.
-    bool doctype = false;
-    for (;;) {
-        bool read = false;
+    return ReadProlog() && ReadElementTree() && ReadEpilog();
+}
+
+// Skips comments, processing instructions and white space outside the root element.
+bool Parser::SkipMisc() {
+    bool read = true;
+    while (read) {
         if (!ReadMisc(&read)) {
             return false;
         }
-        if (read) {
-            continue;
-        }
-        if (_p == _end) {
-            _error->code = RK_ERR_MALFORMED;
-            _error->reason = "no root element";
+    }
+    return true;
+}
+
+// Up to the root element's "<": at most one document type declaration among the rest.
+bool Parser::ReadProlog() {
+    bool doctype = false;
+    for (;;) {
+        if (!SkipMisc()) {
             return false;
         }
-        if (StartsWith("<!DOCTYPE", 9)) {
-            if (doctype) {
-                return Fail("second document type declaration", _p);
-            }
-            doctype = true;
-            if (!ReadDocumentType()) {
-                return false;
-            }
-            continue;
+        if (!StartsWith("<!DOCTYPE", 9)) {
+            break;
         }
-        if (*_p != '<') {
-            return Fail("text outside the root element", _p);
+        if (doctype) {
+            return Fail("second document type declaration", _p);
         }
-        break;
+        doctype = true;
+        if (!ReadDocumentType()) {
+            return false;
+        }
     }
-    // The root element and everything in it.
+    if (_p == _end) {
+        _error->code = RK_ERR_MALFORMED;
+        _error->reason = "no root element";
+        return false;
+    }
+    if (*_p != '<') {
+        return Fail("text outside the root element", _p);
+    }
+    return true;
+}
+
+// The root element and everything in it.
+bool Parser::ReadElementTree() {
     if (!ReadStartTag()) {
         return false;
     }
     while (!_open.empty()) {
-        if (_p == _end) {
-            return Fail("unterminated element <" +
-                            std::string(_open.back().name, _open.back().nameLen) + ">",
-                        _p);
-        }
-        if (*_p != '<') {
-            if (!ReadText()) {
-                return false;
-            }
-        } else if (StartsWith("</", 2)) {
-            if (!ReadEndTag()) {
-                return false;
-            }
-        } else if (StartsWith("<!--", 4)) {
-            if (!ReadComment()) {
-                return false;
-            }
-        } else if (StartsWith("<?", 2)) {
-            if (!ReadProcessingInstruction(false)) {
-                return false;
-            }
-        } else if (StartsWith("<![CDATA[", 9)) {
-            if (!ReadCdata()) {
-                return false;
-            }
-        } else if (StartsWith("<!", 2)) {
-            return Fail("markup declaration inside an element", _p);
-        } else if (!ReadStartTag()) {
+        if (!ReadNode()) {
             return false;
         }
     }
-    // After it.
-    for (;;) {
-        bool read = false;
-        if (!ReadMisc(&read)) {
-            return false;
-        }
-        if (read) {
-            continue;
-        }
-        if (_p == _end) {
-            return true;
-        }
-        if (*_p == '<' && _p + 1 < _end && Is(_p[1], kNameStart)) {
-            return Fail("more than one root element", _p);
-        }
-        return Fail("text outside the root element", _p);
+    return true;
+}
+
+// One node inside the innermost open element.
+bool Parser::ReadNode() {
+    if (_p == _end) {
+        return Fail(
+            "unterminated element <" + std::string(_open.back().name, _open.back().nameLen) + ">",
+            _p);
     }
+    if (*_p != '<') {
+        return ReadText();
+    }
+    if (StartsWith("</", 2)) {
+        return ReadEndTag();
+    }
+    if (StartsWith("<!--", 4)) {
+        return ReadComment();
+    }
+    if (StartsWith("<?", 2)) {
+        return ReadProcessingInstruction(false);
+    }
+    if (StartsWith("<![CDATA[", 9)) {
+        return ReadCdata();
+    }
+    if (StartsWith("<!", 2)) {
+        return Fail("markup declaration inside an element", _p);
+    }
+    return ReadStartTag();
+}
+
+// After the root element: nothing but comments, processing instructions and white space.
+bool Parser::ReadEpilog() {
+    if (!SkipMisc()) {
+        return false;
+    }
+    if (_p == _end) {
+        return true;
+    }
+    if (*_p == '<' && _p + 1 < _end && Is(_p[1], kNameStart)) {
+        return Fail("more than one root element", _p);
+    }
+    return Fail("text outside the root element", _p);
 }
 
 }  // namespace

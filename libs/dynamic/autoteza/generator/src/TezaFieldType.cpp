@@ -8,7 +8,9 @@
 
 #include <map>
 #include <memory>
+#include <utility>
 
+#include "TezaFieldValues.h"
 #include "TezaNamespaceFactory.h"
 
 // --- Namespace factory registry ---------------------------------------------------------------
@@ -110,10 +112,6 @@ static void __releaseRecords(void* slot, int32_t count) {
     ::operator delete[](static_cast<char*>(slot) - sizeof(size_t));
 }
 
-static void __releaseText(void* slot) {
-    delete static_cast<std::string*>(slot);
-}
-
 static void __releaseTexts(void* slot) {
     delete[] static_cast<std::string*>(slot);
 }
@@ -130,6 +128,16 @@ static void __replaceArray(bool wasSet, void*& slot, int32_t& slotCount, void* v
     slotCount = count;
 }
 
+// Stores a single value made with new in a field's slot, first releasing the value of the
+// same type that the slot held when the field was set.
+template <typename T>
+static void __replaceSingle(bool wasSet, void*& slot, T* value) {
+    if (wasSet) {
+        delete static_cast<T*>(slot);
+    }
+    slot = value;
+}
+
 // Builds the new value before the old one is released, so that a value taken from this very
 // field (or from a record it holds) is still intact while it is copied, and so that an
 // allocation failure leaves the field as it was.
@@ -140,24 +148,6 @@ static T* __newArrayCopy(int count, const T* values) {
         copy[k] = values[k];
     }
     return copy.release();
-}
-
-// Base-10 conversions of raw text; errors are not detected, as strto* do not report them
-// without an end pointer.
-static void __convert(const std::string& text, int32_t& value) {
-    value = static_cast<int32_t>(strtol(text.c_str(), NULL, 10));
-}
-static void __convert(const std::string& text, uint32_t& value) {
-    value = static_cast<uint32_t>(strtoul(text.c_str(), NULL, 10));
-}
-static void __convert(const std::string& text, int64_t& value) {
-    value = strtoll(text.c_str(), NULL, 10);
-}
-static void __convert(const std::string& text, uint64_t& value) {
-    value = strtoull(text.c_str(), NULL, 10);
-}
-static void __convert(const std::string& text, bool& value) {
-    value = !(text == "0" || text == "no" || text == "off" || text == "false");
 }
 
 // Both checks of every field accessor, written out in place so that the assertion report
@@ -212,18 +202,13 @@ bool TezaFieldType::isStoreAsRawString() const {
 
 // --- Copying setters ----------------------------------------------------------------------------
 
-#define TEZA_SET_SINGLE(T)                                     \
-    void TezaFieldType::setFieldValue(int fieldPos, T value) { \
-        TEZA_CHECK_FIELD_ACCESS();                             \
-        if (_storeAsRawString) {                               \
-            return;                                            \
-        }                                                      \
-        T* copy = new T(value);                                \
-        if (isFieldSet(fieldPos)) {                            \
-            delete static_cast<T*>(_fieldValues[fieldPos]);    \
-        }                                                      \
-        _fieldValues[fieldPos] = copy;                         \
-        fieldSet(fieldPos);                                    \
+#define TEZA_SET_SINGLE(T)                                                               \
+    void TezaFieldType::setFieldValue(int fieldPos, T value) {                           \
+        TEZA_CHECK_FIELD_ACCESS();                                                       \
+        if (!_storeAsRawString) {                                                        \
+            __replaceSingle(isFieldSet(fieldPos), _fieldValues[fieldPos], new T(value)); \
+            fieldSet(fieldPos);                                                          \
+        }                                                                                \
     }
 
 TEZA_SET_SINGLE(int32_t)
@@ -231,19 +216,7 @@ TEZA_SET_SINGLE(uint32_t)
 TEZA_SET_SINGLE(int64_t)
 TEZA_SET_SINGLE(uint64_t)
 TEZA_SET_SINGLE(bool)
-
-void TezaFieldType::setFieldValue(int fieldPos, std::string value) {
-    TEZA_CHECK_FIELD_ACCESS();
-    if (_storeAsRawString) {
-        return;
-    }
-    std::string* copy = new std::string(value);
-    if (isFieldSet(fieldPos)) {
-        __releaseText(_fieldValues[fieldPos]);
-    }
-    _fieldValues[fieldPos] = copy;
-    fieldSet(fieldPos);
-}
+TEZA_SET_SINGLE(std::string)
 
 void TezaFieldType::setFieldValue(int fieldPos, const TezaFieldType& value) {
     TEZA_CHECK_FIELD_ACCESS();
@@ -333,24 +306,17 @@ void TezaFieldType::__setFieldValue(int fieldPos, int count, TezaFieldType* valu
 
 void TezaFieldType::__setFieldValue(int fieldPos, TezaFieldType* value) {
     TEZA_CHECK_FIELD_ACCESS();
-    if (isFieldSet(fieldPos)) {
-        delete static_cast<TezaFieldType*>(_fieldValues[fieldPos]);
-    }
-    _fieldValues[fieldPos] = value;
+    __replaceSingle(isFieldSet(fieldPos), _fieldValues[fieldPos], value);
     fieldSet(fieldPos);
 }
 
 void TezaFieldType::__setFieldValue(int fieldPos, const char* value) {
     TEZA_CHECK_FIELD_ACCESS();
-    if (_storeAsRawString) {
-        return;
+    if (!_storeAsRawString) {
+        std::string* copy = new std::string(value == NULL ? "" : value);
+        __replaceSingle(isFieldSet(fieldPos), _fieldValues[fieldPos], copy);
+        fieldSet(fieldPos);
     }
-    std::string* copy = new std::string(value == NULL ? "" : value);
-    if (isFieldSet(fieldPos)) {
-        __releaseText(_fieldValues[fieldPos]);
-    }
-    _fieldValues[fieldPos] = copy;
-    fieldSet(fieldPos);
 }
 
 // --- Typed getters ------------------------------------------------------------------------------
@@ -369,7 +335,7 @@ void TezaFieldType::__setFieldValue(int fieldPos, const char* value) {
         if (!getRawStringValue(fieldPos, text)) {                     \
             return false;                                             \
         }                                                             \
-        __convert(text, value);                                       \
+        __fromText(text.c_str(), value);                              \
         return true;                                                  \
     }
 
@@ -431,15 +397,10 @@ bool TezaFieldType::getFieldValue(int fieldPos, int& count, TezaFieldType*& valu
 
 void TezaFieldType::setRawStringValue(int fieldPos, std::string value) {
     TEZA_CHECK_FIELD_ACCESS();
-    if (!_storeAsRawString) {
-        return;
+    if (_storeAsRawString) {
+        __replaceSingle(isFieldSet(fieldPos), _fieldValues[fieldPos], new std::string(value));
+        fieldSet(fieldPos);
     }
-    std::string* copy = new std::string(value);
-    if (isFieldSet(fieldPos)) {
-        __releaseText(_fieldValues[fieldPos]);
-    }
-    _fieldValues[fieldPos] = copy;
-    fieldSet(fieldPos);
 }
 
 void TezaFieldType::setRawStringValue(int fieldPos, int count, const std::string* values) {
@@ -490,92 +451,38 @@ bool TezaFieldType::getRawStringValue(int fieldPos, int& count, std::string*& va
 
 // --- Copy and clear -----------------------------------------------------------------------------
 
-// Releases one scalar as the type it was made with.
-static void __releaseScalar(TezaFieldTypeMetaData::TezaBasicType type, void* slot) {
-    switch (type) {
-        case TezaFieldTypeMetaData::INT32_TYPE:
-            delete static_cast<int32_t*>(slot);
-            break;
-        case TezaFieldTypeMetaData::UINT32_TYPE:
-            delete static_cast<uint32_t*>(slot);
-            break;
-        case TezaFieldTypeMetaData::INT64_TYPE:
-            delete static_cast<int64_t*>(slot);
-            break;
-        case TezaFieldTypeMetaData::UINT64_TYPE:
-            delete static_cast<uint64_t*>(slot);
-            break;
-        case TezaFieldTypeMetaData::BOOL_TYPE:
-            delete static_cast<bool*>(slot);
-            break;
-        default:
-            break;
+// Releases what a set field's slot holds. What that is follows from the descriptor and the
+// mode, so the caller passes both.
+static void __releaseField(TezaBasicType type, bool isArray, bool rawString, void* slot,
+                           int32_t count) {
+    if (type == TezaFieldTypeMetaData::TYPEDEF_TYPE) {
+        if (isArray) {
+            __releaseRecords(slot, count);
+        } else {
+            delete static_cast<TezaFieldType*>(slot);
+        }
+        return;
     }
+    __withValueType(__heldType(type, rawString), [&](auto held) {
+        typedef typename decltype(held)::Type T;
+        if (isArray) {
+            delete[] static_cast<T*>(slot);
+        } else {
+            delete static_cast<T*>(slot);
+        }
+    });
 }
 
-static void __releaseScalars(TezaFieldTypeMetaData::TezaBasicType type, void* slot) {
-    switch (type) {
-        case TezaFieldTypeMetaData::INT32_TYPE:
-            delete[] static_cast<int32_t*>(slot);
-            break;
-        case TezaFieldTypeMetaData::UINT32_TYPE:
-            delete[] static_cast<uint32_t*>(slot);
-            break;
-        case TezaFieldTypeMetaData::INT64_TYPE:
-            delete[] static_cast<int64_t*>(slot);
-            break;
-        case TezaFieldTypeMetaData::UINT64_TYPE:
-            delete[] static_cast<uint64_t*>(slot);
-            break;
-        case TezaFieldTypeMetaData::BOOL_TYPE:
-            delete[] static_cast<bool*>(slot);
-            break;
-        default:
-            break;
-    }
-}
-
-static bool __isScalar(TezaFieldTypeMetaData::TezaBasicType type) {
-    return type >= TezaFieldTypeMetaData::INT32_TYPE && type <= TezaFieldTypeMetaData::BOOL_TYPE;
-}
-
-// What a slot holds follows from the descriptor and the mode, so the walk asks the
-// descriptor. Slots and counts stay as they are: with their bits clear they are dead.
+// Slots and counts stay as they are: with their bits clear they are dead.
 void TezaFieldType::clearFieldData() {
     if (_isCleared) {
         return;
     }
     const TezaFieldTypeMetaData& md = getMetaData();
     for (int i = 0; i < _numFields; ++i) {
-        if (!_fieldSetBits.test(i)) {
-            continue;
-        }
-        TezaFieldTypeMetaData::TezaBasicType type = md.getFieldType(i);
-        void* slot = _fieldValues[i];
-        if (!md.isFieldArrayType(i)) {
-            if (type == TezaFieldTypeMetaData::STRING_TYPE) {
-                __releaseText(slot);
-            } else if (__isScalar(type)) {
-                if (_storeAsRawString) {
-                    __releaseText(slot);
-                } else {
-                    __releaseScalar(type, slot);
-                }
-            } else if (type == TezaFieldTypeMetaData::TYPEDEF_TYPE) {
-                delete static_cast<TezaFieldType*>(slot);
-            }
-        } else if (slot != NULL) {
-            if (type == TezaFieldTypeMetaData::STRING_TYPE) {
-                __releaseTexts(slot);
-            } else if (__isScalar(type)) {
-                if (_storeAsRawString) {
-                    __releaseTexts(slot);
-                } else {
-                    __releaseScalars(type, slot);
-                }
-            } else if (type == TezaFieldTypeMetaData::TYPEDEF_TYPE) {
-                __releaseRecords(slot, _fieldCounts[i]);
-            }
+        if (_fieldSetBits.test(i)) {
+            __releaseField(md.getFieldType(i), md.isFieldArrayType(i), _storeAsRawString,
+                           _fieldValues[i], _fieldCounts[i]);
         }
     }
     _fieldSetBits.reset();
@@ -598,26 +505,65 @@ void TezaFieldType::clear() {
     _isCleared = true;
 }
 
-// Copy one primitive or text field through the source's typed getter and this record's
-// setter; false when the getter fails, before anything is stored.
-template <typename T>
-static bool __copySingle(const TezaFieldType& src, TezaFieldType& dst, int i) {
-    T value = T();
-    if (!src.getFieldValue(i, value)) {
+// How a copy reads the source's fields and writes the target's: through the typed getters and
+// the copying setters, or, for raw texts, through the raw accessors without conversion.
+template <bool rawString>
+struct __Access {
+    template <typename... Out>
+    static bool get(const TezaFieldType& record, int i, Out&... out) {
+        if constexpr (rawString) {
+            return record.getRawStringValue(i, out...);
+        } else {
+            return record.getFieldValue(i, out...);
+        }
+    }
+    template <typename... In>
+    static void set(TezaFieldType& record, int i, In&&... in) {
+        if constexpr (rawString) {
+            record.setRawStringValue(i, std::forward<In>(in)...);
+        } else {
+            record.setFieldValue(i, std::forward<In>(in)...);
+        }
+    }
+};
+
+// Copies field `i` of `src` into `dst`; false when the getter fails, before anything is stored.
+template <typename T, typename Access>
+static bool __copyArray(const TezaFieldType& src, TezaFieldType& dst, int i) {
+    int count = 0;
+    T* values = NULL;
+    if (!Access::get(src, i, count, values)) {
         return false;
     }
-    dst.setFieldValue(i, value);
+    Access::set(dst, i, count, const_cast<const T*>(values));
     return true;
 }
 
-template <typename T>
-static bool __copyArrayField(const TezaFieldType& src, TezaFieldType& dst, int i) {
-    int count = 0;
-    T* values = NULL;
-    if (!src.getFieldValue(i, count, values)) {
+template <typename T, typename Access>
+static bool __copyValues(const TezaFieldType& src, TezaFieldType& dst, int i, bool isArray) {
+    if (isArray) {
+        return __copyArray<T, Access>(src, dst, i);
+    }
+    T value = T();
+    if (!Access::get(src, i, value)) {
         return false;
     }
-    dst.setFieldValue(i, count, const_cast<const T*>(values));
+    Access::set(dst, i, value);
+    return true;
+}
+
+// A single nested record is copied by the namespace factory, through the record setter.
+static bool __copyRecord(const TezaFieldType& src, TezaFieldType& dst, int i) {
+    TezaFieldType* record = NULL;
+    if (!src.getFieldValue(i, record)) {
+        return false;
+    }
+    if (record != NULL) {
+        dst.setFieldValue(i, *record);
+    } else {
+        // Set without a record (its namespace had no factory): so is the copy.
+        dst.__setFieldValue(i, static_cast<TezaFieldType*>(NULL));
+    }
     return true;
 }
 
@@ -634,70 +580,22 @@ void TezaFieldType::copyData(const TezaFieldType& src) {
             _fieldCounts[i] = 0;
             continue;
         }
-        TezaFieldTypeMetaData::TezaBasicType type = md.getFieldType(i);
-        bool isPrimitive =
-            type >= TezaFieldTypeMetaData::STRING_TYPE && type <= TezaFieldTypeMetaData::BOOL_TYPE;
+        TezaBasicType type = md.getFieldType(i);
+        bool isArray = md.isFieldArrayType(i);
         bool ret = true;
-        if (!md.isFieldArrayType(i)) {
-            if (type == TezaFieldTypeMetaData::TYPEDEF_TYPE) {
-                TezaFieldType* record = NULL;
-                ret = src.getFieldValue(i, record);
-                if (ret && record != NULL) {
-                    setFieldValue(i, *record);
-                } else if (ret) {
-                    // Set without a record (its namespace had no factory): so is the copy.
-                    _fieldValues[i] = NULL;
-                    fieldSet(i);
-                }
-            } else if (isPrimitive && _storeAsRawString) {
-                std::string text;
-                ret = src.getRawStringValue(i, text);
-                if (ret) {
-                    setRawStringValue(i, text);
-                }
-            } else if (type == TezaFieldTypeMetaData::STRING_TYPE) {
-                ret = __copySingle<std::string>(src, *this, i);
-            } else if (type == TezaFieldTypeMetaData::INT32_TYPE) {
-                ret = __copySingle<int32_t>(src, *this, i);
-            } else if (type == TezaFieldTypeMetaData::UINT32_TYPE) {
-                ret = __copySingle<uint32_t>(src, *this, i);
-            } else if (type == TezaFieldTypeMetaData::INT64_TYPE) {
-                ret = __copySingle<int64_t>(src, *this, i);
-            } else if (type == TezaFieldTypeMetaData::UINT64_TYPE) {
-                ret = __copySingle<uint64_t>(src, *this, i);
-            } else if (type == TezaFieldTypeMetaData::BOOL_TYPE) {
-                ret = __copySingle<bool>(src, *this, i);
-            }
+        if (type == TezaFieldTypeMetaData::TYPEDEF_TYPE && !isArray) {
+            ret = __copyRecord(src, *this, i);
+        } else if (type == TezaFieldTypeMetaData::TYPEDEF_TYPE) {
+            // Null records too (set while the namespace had no factory) go through the setter,
+            // so that a factory registered since then makes the copy.
+            ret = __copyArray<TezaFieldType, __Access<false>>(src, *this, i);
+        } else if (__isPrimitive(type) && _storeAsRawString) {
+            ret = __copyValues<std::string, __Access<true>>(src, *this, i, isArray);
         } else {
-            if (type == TezaFieldTypeMetaData::TYPEDEF_TYPE) {
-                int count = 0;
-                TezaFieldType* records = NULL;
-                ret = src.getFieldValue(i, count, records);
-                if (ret) {
-                    // Null records too (set while the namespace had no factory) go through the
-                    // setter, so that a factory registered since then makes the copy.
-                    setFieldValue(i, count, const_cast<const TezaFieldType*>(records));
-                }
-            } else if (isPrimitive && _storeAsRawString) {
-                int count = 0;
-                std::string* texts = NULL;
-                ret = src.getRawStringValue(i, count, texts);
-                if (ret) {
-                    setRawStringValue(i, count, const_cast<const std::string*>(texts));
-                }
-            } else if (type == TezaFieldTypeMetaData::STRING_TYPE) {
-                ret = __copyArrayField<std::string>(src, *this, i);
-            } else if (type == TezaFieldTypeMetaData::INT32_TYPE) {
-                ret = __copyArrayField<int32_t>(src, *this, i);
-            } else if (type == TezaFieldTypeMetaData::UINT32_TYPE) {
-                ret = __copyArrayField<uint32_t>(src, *this, i);
-            } else if (type == TezaFieldTypeMetaData::INT64_TYPE) {
-                ret = __copyArrayField<int64_t>(src, *this, i);
-            } else if (type == TezaFieldTypeMetaData::UINT64_TYPE) {
-                ret = __copyArrayField<uint64_t>(src, *this, i);
-            } else if (type == TezaFieldTypeMetaData::BOOL_TYPE) {
-                ret = __copyArrayField<bool>(src, *this, i);
-            }
+            __withValueType(type, [&](auto held) {
+                typedef typename decltype(held)::Type T;
+                ret = __copyValues<T, __Access<false>>(src, *this, i, isArray);
+            });
         }
         // A getter fails only when source and target disagree on raw-string mode.
         TEZA_ASSERT(ret);
@@ -719,50 +617,7 @@ TezaFieldType& TezaFieldType::operator=(const TezaFieldType& src) {
     return *this;
 }
 
-// --- Conversions for element trees and text ---------------------------------------------------
-
-// Numbers are formatted into a fixed stack buffer.
-static std::string __toString(int value) {
-    char buffer[100];
-    snprintf(buffer, sizeof(buffer), "%d", value);
-    return buffer;
-}
-
-static std::string __toString(unsigned int value) {
-    char buffer[100];
-    snprintf(buffer, sizeof(buffer), "%u", value);
-    return buffer;
-}
-
-static std::string __toString(long value) {
-    char buffer[100];
-    snprintf(buffer, sizeof(buffer), "%lld", static_cast<long long>(value));
-    return buffer;
-}
-
-static std::string __toString(unsigned long value) {
-    char buffer[100];
-    snprintf(buffer, sizeof(buffer), "%llu", static_cast<unsigned long long>(value));
-    return buffer;
-}
-
-static std::string __toString(bool value) {
-    return value ? "true" : "false";
-}
-
-// Adds a text child, encrypted with the client library's default key when asked. The result is
-// not checked: a refused child is simply missing from the request.
-static void __addChildString(rk_elem_t* elem, const char* name, const std::string& value,
-                             bool encrypted) {
-    if (encrypted) {
-        rk_child_add_string_encrypted(elem, name, value.c_str(), NULL);
-    } else {
-        rk_child_add_string(elem, name, value.c_str());
-    }
-}
-
-// --- Entity decoding
-// ------------------------------------------------------------------------------
+// --- Entity decoding ---------------------------------------------------------------------------
 
 struct xmlEncodedChar {
     std::string entity;
@@ -819,40 +674,129 @@ std::string TezaFieldType::getDecodedString(const std::string& text) {
 
 // --- Writing records into request elements ------------------------------------------------------
 
-// Reads array field `i` as T items and adds one text child per item under `parent`. `ret` is
-// false when the field could not be read (nothing is written), `retElem` when a child was
-// refused (the items after it are not written).
-template <typename T>
-static void __addNumberItems(const TezaFieldType& record, int i, rk_elem_t* parent,
-                             const char* name, bool& ret, bool& retElem) {
-    int count = 0;
-    T* values = NULL;
-    ret = record.getFieldValue(i, count, values);
-    retElem = true;
-    for (int k = 0; ret && retElem && k < count; ++k) {
-        retElem = rk_child_add_string(parent, name, __toString(values[k]).c_str()) != NULL;
-    }
-}
-
-static void __addTextItems(int count, const std::string* values, rk_elem_t* parent,
-                           const char* name, bool& retElem) {
-    retElem = true;
-    for (int k = 0; retElem && k < count; ++k) {
-        retElem = rk_child_add_string(parent, name, values[k].c_str()) != NULL;
-    }
-}
-
-// Reads single field `i` as a T and returns its decimal text.
-template <typename T>
-static bool __numberText(const TezaFieldType& record, int i, std::string& text) {
-    T value = T();
-    if (!record.getFieldValue(i, value)) {
+// Creates `name` under `parent` and makes it the parent; false when it is refused.
+static bool __addLink(rk_elem_t*& parent, const char* name) {
+    rk_elem_t* link = rk_elem_new(name);
+    if (rk_child_add(parent, link) == NULL) {
         return false;
     }
-    text = __toString(value);
+    parent = link;
     return true;
 }
 
+// Creates the elements that field `i` (an array or not) has its values under, below `parent`,
+// which becomes the last of them; `name` becomes the name of the value's own element, which may
+// point into `hierarchy`. False as soon as an element is refused.
+static bool __openField(const TezaFieldTypeMetaData& md, int i, bool isArray, rk_elem_t*& parent,
+                        const char*& name, std::vector<std::string>& hierarchy) {
+    const char* fieldName = md.getFieldNameStr(i);
+    const char* typeName = md.getFieldTypeStr(i);
+    name = fieldName;
+    if (!isArray && md.getFieldType(i) != TezaFieldTypeMetaData::TYPEDEF_TYPE) {
+        return true;
+    }
+    // An array's wrapper comes first, so a set array without items (or of a kind that has no
+    // items to write) still shows as an empty wrapper. A single nested record named like its
+    // type is written as one element, not two; as a nested typedef it always gets its field
+    // element.
+    bool nested = md.isFieldNestedTypedef(i);
+    if ((isArray || nested || strcmp(fieldName, typeName) != 0) && !__addLink(parent, fieldName)) {
+        return false;
+    }
+    name = typeName == NULL ? "" : typeName;
+    if (!nested) {
+        return true;
+    }
+    // A nested typedef is written under the chain of its type: T / H[0] / ... / H[n-2].
+    hierarchy = TezaNamespaceFactory::getNestedTypedefHierarchy(md.getNamespace(), typeName);
+    if (hierarchy.empty()) {
+        return true;
+    }
+    if (!__addLink(parent, typeName)) {
+        return false;
+    }
+    for (size_t j = 0; j + 1 < hierarchy.size(); ++j) {
+        if (!__addLink(parent, hierarchy[j].c_str())) {
+            return false;
+        }
+    }
+    name = hierarchy.back().c_str();
+    return true;
+}
+
+// Writes one nested record as an element `name` under `parent`. The nested record is filled
+// before its element is attached.
+static bool __addRecord(rk_elem_t* parent, const char* name, const TezaFieldType& record) {
+    rk_elem_t* child = rk_elem_new(name);
+    record.constructRkChildElement(child);
+    return rk_child_add(parent, child) != NULL;
+}
+
+template <typename T>
+static bool __addItems(rk_elem_t* parent, const char* name, int count, const T* values) {
+    for (int k = 0; k < count; ++k) {
+        if (!__addItem(parent, name, values[k])) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// Writes the items of array field `i` under `parent`. Returns false when the field could not
+// be read (nothing is written); `retElem` becomes false when a child was refused (the items
+// after it are not written).
+static bool __writeArray(const TezaFieldType& record, TezaBasicType type, int i, rk_elem_t* parent,
+                         const char* name, bool& retElem) {
+    int count = 0;
+    bool ret = true;
+    if (type == TezaFieldTypeMetaData::TYPEDEF_TYPE) {
+        TezaFieldType* records = NULL;
+        ret = record.getFieldValue(i, count, records);
+        // A null array (its namespace had no factory) has no items to write.
+        for (int k = 0; ret && retElem && records != NULL && k < count; ++k) {
+            retElem = __addRecord(parent, name, records[k]);
+        }
+    } else if (record.isStoreAsRawString()) {
+        std::string* texts = NULL;
+        if (__isPrimitive(type)) {
+            ret = record.getRawStringValue(i, count, texts);
+            retElem = !ret || __addItems(parent, name, count, texts);
+        }
+    } else {
+        __withValueType(type, [&](auto held) {
+            typename decltype(held)::Type* values = NULL;
+            ret = record.getFieldValue(i, count, values);
+            retElem = !ret || __addItems(parent, name, count, values);
+        });
+    }
+    return ret;
+}
+
+// Writes single primitive field `i` as `name` under `parent`, with the same results as
+// __writeArray.
+static bool __writeSingle(const TezaFieldType& record, TezaBasicType type, bool encrypted, int i,
+                          rk_elem_t* parent, const char* name, bool& retElem) {
+    bool ret = true;
+    if (record.isStoreAsRawString()) {
+        // Raw text goes out as stored, a boolean included, and may be encrypted.
+        if (__isPrimitive(type)) {
+            std::string text;
+            ret = record.getRawStringValue(i, text);
+            if (ret) {
+                __addChildString(parent, name, text, encrypted);
+            }
+        }
+        return ret;
+    }
+    __withValueType(type, [&](auto held) {
+        typename decltype(held)::Type value = typename decltype(held)::Type();
+        ret = record.getFieldValue(i, value);
+        retElem = !ret || __addSingle(parent, name, value, encrypted);
+    });
+    return ret;
+}
+
+// What is written is decided by the set bits alone, whatever the optional flags say.
 void TezaFieldType::constructRkChildElement(rk_elem_t* elem) const {
     TEZA_ASSERT(!_isCleared);
     if (elem == NULL) {
@@ -860,192 +804,206 @@ void TezaFieldType::constructRkChildElement(rk_elem_t* elem) const {
     }
     const TezaFieldTypeMetaData& md = getMetaData();
     for (int i = 0; i < _numFields; ++i) {
-        // What is written is decided by the set bits alone, whatever the optional flags say.
         if (!isFieldSet(i)) {
             continue;
         }
-        TezaFieldTypeMetaData::TezaBasicType code = md.getFieldType(i);
-        const char* fieldName = md.getFieldNameStr(i);
-        const char* typeName = md.getFieldTypeStr(i);
-
-        if (md.isFieldArrayType(i)) {
-            // The wrapper comes first, so a set array without items (or of a kind that has no
-            // items to write) still shows as an empty wrapper.
-            rk_elem_t* wrapper = rk_elem_new(fieldName);
-            rk_elem_t* retElem = rk_child_add(elem, wrapper);
-            TEZA_ASSERT(retElem);
-            rk_elem_t* itemParent = wrapper;
-            std::string itemName = typeName == NULL ? "" : typeName;
-            if (md.isFieldNestedTypedef(i)) {
-                std::vector<std::string> hierarchy =
-                    TezaNamespaceFactory::getNestedTypedefHierarchy(md.getNamespace(), typeName);
-                if (!hierarchy.empty()) {
-                    rk_elem_t* link = rk_elem_new(typeName);
-                    retElem = rk_child_add(itemParent, link);
-                    TEZA_ASSERT(retElem);
-                    itemParent = link;
-                    for (size_t j = 0; j + 1 < hierarchy.size(); ++j) {
-                        link = rk_elem_new(hierarchy[j].c_str());
-                        retElem = rk_child_add(itemParent, link);
-                        TEZA_ASSERT(retElem);
-                        itemParent = link;
-                    }
-                    itemName = hierarchy.back();
-                }
-            }
-
-            if (code == TezaFieldTypeMetaData::TYPEDEF_TYPE) {
-                int count = 0;
-                TezaFieldType* records = NULL;
-                bool ret = getFieldValue(i, count, records);
-                TEZA_ASSERT(ret);
-                // A null array (its namespace had no factory) has no items to write.
-                for (int k = 0; records != NULL && k < count; ++k) {
-                    rk_elem_t* item = rk_elem_new(itemName.c_str());
-                    records[k].constructRkChildElement(item);
-                    retElem = rk_child_add(itemParent, item);
-                    TEZA_ASSERT(retElem);
-                }
-            } else if (_storeAsRawString) {
-                if (code >= TezaFieldTypeMetaData::STRING_TYPE &&
-                    code <= TezaFieldTypeMetaData::BOOL_TYPE) {
-                    int count = 0;
-                    std::string* texts = NULL;
-                    bool ret = getRawStringValue(i, count, texts);
-                    TEZA_ASSERT(ret);
-                    bool retElem = true;
-                    __addTextItems(count, texts, itemParent, itemName.c_str(), retElem);
-                    TEZA_ASSERT(retElem);
-                }
-            } else if (code == TezaFieldTypeMetaData::STRING_TYPE) {
-                int count = 0;
-                std::string* texts = NULL;
-                bool ret = getFieldValue(i, count, texts);
-                TEZA_ASSERT(ret);
-                bool retElem = true;
-                __addTextItems(count, texts, itemParent, itemName.c_str(), retElem);
-                TEZA_ASSERT(retElem);
-            } else if (code == TezaFieldTypeMetaData::BOOL_TYPE) {
-                int count = 0;
-                bool* flags = NULL;
-                bool ret = getFieldValue(i, count, flags);
-                TEZA_ASSERT(ret);
-                for (int k = 0; k < count; ++k) {
-                    retElem = rk_child_add_bool(itemParent, itemName.c_str(), flags[k] ? 1 : 0);
-                    TEZA_ASSERT(retElem);
-                }
-            } else if (code >= TezaFieldTypeMetaData::INT32_TYPE &&
-                       code <= TezaFieldTypeMetaData::UINT64_TYPE) {
-                bool ret = true;
-                bool retElem = true;
-                if (code == TezaFieldTypeMetaData::INT32_TYPE) {
-                    __addNumberItems<int32_t>(*this, i, itemParent, itemName.c_str(), ret, retElem);
-                } else if (code == TezaFieldTypeMetaData::UINT32_TYPE) {
-                    __addNumberItems<uint32_t>(*this, i, itemParent, itemName.c_str(), ret,
-                                               retElem);
-                } else if (code == TezaFieldTypeMetaData::INT64_TYPE) {
-                    __addNumberItems<int64_t>(*this, i, itemParent, itemName.c_str(), ret, retElem);
-                } else {
-                    __addNumberItems<uint64_t>(*this, i, itemParent, itemName.c_str(), ret,
-                                               retElem);
-                }
-                TEZA_ASSERT(ret);
-                TEZA_ASSERT(retElem);
-            }
-            continue;
-        }
-
-        // A single value.
+        TezaBasicType code = md.getFieldType(i);
+        bool isArray = md.isFieldArrayType(i);
         rk_elem_t* parent = elem;
-        std::string targetName = fieldName;
-        if (code == TezaFieldTypeMetaData::TYPEDEF_TYPE) {
-            if (md.isFieldNestedTypedef(i)) {
-                // A nested typedef always gets its field element, then the chain of its type.
-                rk_elem_t* outer = rk_elem_new(fieldName);
-                rk_elem_t* retElem = rk_child_add(elem, outer);
-                TEZA_ASSERT(retElem);
-                parent = outer;
-                std::vector<std::string> hierarchy =
-                    TezaNamespaceFactory::getNestedTypedefHierarchy(md.getNamespace(), typeName);
-                targetName = typeName;
-                if (!hierarchy.empty()) {
-                    rk_elem_t* link = rk_elem_new(typeName);
-                    retElem = rk_child_add(parent, link);
-                    TEZA_ASSERT(retElem);
-                    parent = link;
-                    for (size_t j = 0; j + 1 < hierarchy.size(); ++j) {
-                        link = rk_elem_new(hierarchy[j].c_str());
-                        retElem = rk_child_add(parent, link);
-                        TEZA_ASSERT(retElem);
-                        parent = link;
-                    }
-                    targetName = hierarchy.back();
-                }
-            } else {
-                // A field named like its type is written as one element, not two.
-                if (strcmp(fieldName, typeName) != 0) {
-                    rk_elem_t* outer = rk_elem_new(fieldName);
-                    rk_elem_t* retElem = rk_child_add(elem, outer);
-                    TEZA_ASSERT(retElem);
-                    parent = outer;
-                }
-                targetName = typeName;
-            }
-
+        const char* name = NULL;
+        std::vector<std::string> hierarchy;
+        bool retElem = __openField(md, i, isArray, parent, name, hierarchy);
+        TEZA_ASSERT(retElem);
+        bool ret = true;
+        if (isArray) {
+            ret = __writeArray(*this, code, i, parent, name, retElem);
+        } else if (code == TezaFieldTypeMetaData::TYPEDEF_TYPE) {
             TezaFieldType* tezaVal = NULL;
-            bool ret = getFieldValue(i, tezaVal);
+            ret = getFieldValue(i, tezaVal);
             TEZA_ASSERT(ret);
             TEZA_ASSERT(tezaVal != NULL);
-            // The nested record is filled before its element is attached.
-            rk_elem_t* child = rk_elem_new(targetName.c_str());
-            tezaVal->constructRkChildElement(child);
-            rk_elem_t* retElem = rk_child_add(parent, child);
-            TEZA_ASSERT(retElem);
-            continue;
-        }
-
-        if (code < TezaFieldTypeMetaData::STRING_TYPE || code > TezaFieldTypeMetaData::BOOL_TYPE) {
-            continue;
-        }
-        if (_storeAsRawString) {
-            // Raw text goes out as stored, a boolean included, and may be encrypted.
-            std::string text;
-            bool ret = getRawStringValue(i, text);
-            TEZA_ASSERT(ret);
-            __addChildString(parent, targetName.c_str(), text, md.isFieldEncrypted(i));
-        } else if (code == TezaFieldTypeMetaData::BOOL_TYPE) {
-            // Booleans are never encrypted.
-            bool flag = false;
-            bool ret = getFieldValue(i, flag);
-            TEZA_ASSERT(ret);
-            rk_elem_t* retElem = rk_child_add_bool(parent, targetName.c_str(), flag ? 1 : 0);
-            TEZA_ASSERT(retElem);
+            retElem = __addRecord(parent, name, *tezaVal);
         } else {
-            std::string text;
-            bool ret = false;
-            if (code == TezaFieldTypeMetaData::STRING_TYPE) {
-                ret = getFieldValue(i, text);
-            } else if (code == TezaFieldTypeMetaData::INT32_TYPE) {
-                ret = __numberText<int32_t>(*this, i, text);
-            } else if (code == TezaFieldTypeMetaData::UINT32_TYPE) {
-                ret = __numberText<uint32_t>(*this, i, text);
-            } else if (code == TezaFieldTypeMetaData::INT64_TYPE) {
-                ret = __numberText<int64_t>(*this, i, text);
-            } else {
-                ret = __numberText<uint64_t>(*this, i, text);
-            }
-            TEZA_ASSERT(ret);
-            __addChildString(parent, targetName.c_str(), text, md.isFieldEncrypted(i));
+            ret = __writeSingle(*this, code, md.isFieldEncrypted(i), i, parent, name, retElem);
         }
+        TEZA_ASSERT(ret);
+        TEZA_ASSERT(retElem);
     }
 }
 
 // --- Reading records from response elements -----------------------------------------------------
 
-// The boolean reading of item texts and raw values: only these four texts are false.
-static bool __isTrueText(const char* text) {
-    return !(strcmp(text, "0") == 0 || strcmp(text, "no") == 0 || strcmp(text, "off") == 0 ||
-             strcmp(text, "false") == 0);
+static void __fromText(const char* text, std::string& value) {
+    value = ::getDecodedString(text, 0);
+}
+
+// The same for a text already held as a string, which the decoder then reads in place.
+static void __fromText(const std::string& text, std::string& value) {
+    value = ::getDecodedString(text, 0);
+}
+template <typename T>
+static void __fromText(const std::string& text, T& value) {
+    __fromText(text.c_str(), value);
+}
+
+// The hierarchy of field `i`'s type when it is a nested typedef; empty otherwise.
+static std::vector<std::string> __hierarchyOf(const TezaFieldTypeMetaData& md, int i) {
+    if (!md.isFieldNestedTypedef(i)) {
+        return std::vector<std::string>();
+    }
+    return TezaNamespaceFactory::getNestedTypedefHierarchy(md.getNamespace(),
+                                                           md.getFieldTypeStr(i));
+}
+
+// Every child of an array's wrapper is an item, whatever its name.
+static int __countItems(rk_elem_t* wrapper) {
+    int count = 0;
+    rk_iterator_t counter = rk_child_iterator(wrapper);
+    while (rk_iterator_next(&counter) != NULL) {
+        ++count;
+    }
+    return count;
+}
+
+// The array that `count` items of a field are read into: records from the namespace factory, or
+// values of the type the field holds. Null for a type that holds nothing, or no factory.
+static void* __newItems(const TezaFieldTypeMetaData& md, int i, TezaBasicType held, int count,
+                        const std::vector<std::string>& hierarchy) {
+    if (held == TezaFieldTypeMetaData::TYPEDEF_TYPE) {
+        const char* typeName = md.getFieldTypeStr(i);
+        std::string itemType =
+            !hierarchy.empty() ? hierarchy.back() : (typeName == NULL ? "" : typeName);
+        return TezaNamespaceFactory::getInstances(md.getNamespace(), count, __ctgName, itemType);
+    }
+    void* items = NULL;
+    __withValueType(held, [&](auto type) { items = new typename decltype(type)::Type[count](); });
+    return items;
+}
+
+// Calls `read(k, node)` for the element of each of the first `count` items under `wrapper`.
+// Items of a nested typedef are descended from the second name of the hierarchy on, without a
+// check of the links; this does not mirror the writer and is kept for compatibility.
+template <typename Read>
+static void __forEachItem(rk_elem_t* wrapper, int count, const std::vector<std::string>& hierarchy,
+                          Read read) {
+    rk_iterator_t walker = rk_child_iterator(wrapper);
+    rk_elem_t* item = rk_iterator_next(&walker);
+    for (int k = 0; item != NULL && k < count; ++k, item = rk_iterator_next(&walker)) {
+        rk_elem_t* node = item;
+        for (size_t j = 1; j < hierarchy.size(); ++j) {
+            node = rk_elem_child(node, hierarchy[j].c_str());
+        }
+        read(k, node);
+    }
+}
+
+// Reads the items into `items` (made by __newItems) and hands them to field `i` of `record`.
+// An item without text is left as allocated.
+static void __readItems(TezaFieldType& record, int i, TezaBasicType held, rk_elem_t* wrapper,
+                        int count, const std::vector<std::string>& hierarchy, void* items) {
+    if (held == TezaFieldTypeMetaData::TYPEDEF_TYPE) {
+        TezaFieldType* records = static_cast<TezaFieldType*>(items);
+        __forEachItem(wrapper, count, hierarchy, [&](int k, rk_elem_t* node) {
+            if (record.isStoreAsRawString()) {
+                records[k].storeAsRawstring(true);
+            }
+            records[k].parseRkChildElement(node);
+        });
+        record.__setFieldValue(i, count, records);
+        return;
+    }
+    __withValueType(held, [&](auto type) {
+        typedef typename decltype(type)::Type T;
+        T* values = static_cast<T*>(items);
+        __forEachItem(wrapper, count, hierarchy, [&](int k, rk_elem_t* node) {
+            const char* content = rk_elem_get_content(node);
+            if (content != NULL) {
+                __fromText(content, values[k]);
+            }
+        });
+    });
+    if (record.isStoreAsRawString()) {
+        record.__setRawStringValue(i, count, static_cast<std::string*>(items));
+    } else {
+        __withValueType(held, [&](auto type) {
+            record.__setFieldValue(i, count, static_cast<typename decltype(type)::Type*>(items));
+        });
+    }
+}
+
+// The text of single field `name`, decrypted when the field is flagged encrypted; false when
+// there is none.
+static bool __childText(rk_elem_t* elem, const char* name, bool encrypted, std::string& text) {
+    if (encrypted) {
+        char* clear = rk_child_get_string_encrypted(elem, name, NULL);
+        if (clear == NULL) {
+            return false;
+        }
+        text = clear;
+        rk_free(clear);
+        return true;
+    }
+    const char* found = rk_child_get_string(elem, name);
+    if (found == NULL) {
+        return false;
+    }
+    text = found;
+    return true;
+}
+
+// Reads single primitive field `i`; a missing child leaves it unset.
+static void __readSingle(TezaFieldType& record, const TezaFieldTypeMetaData& md, int i,
+                         rk_elem_t* elem) {
+    const char* fieldName = md.getFieldNameStr(i);
+    TezaBasicType code = md.getFieldType(i);
+    std::string text;
+    if (!__childText(elem, fieldName, md.isFieldEncrypted(i), text)) {
+        return;
+    }
+    if (record.isStoreAsRawString()) {
+        // Kept exactly as received: single raw values are not entity-decoded, while raw array
+        // items, held as texts, are.
+        record.setRawStringValue(i, text);
+    } else if (code == TezaFieldTypeMetaData::BOOL_TYPE) {
+        // Presence comes from the text lookup, the value from the library's reading.
+        record.setFieldValue(i, rk_child_get_bool(elem, fieldName, 0) != 0);
+    } else {
+        __withValueType(code, [&](auto type) {
+            typename decltype(type)::Type value = typename decltype(type)::Type();
+            __fromText(text, value);
+            record.setFieldValue(i, std::move(value));
+        });
+    }
+}
+
+// Finds the element single nested record `i` is read from, and the record's type name; false
+// when one of the elements looked for is missing. For a nested typedef that is the element the
+// writer makes the parent of the record's own element, kept for compatibility; the links after
+// the type's own are not checked.
+static bool __findRecord(const TezaFieldTypeMetaData& md, int i, rk_elem_t* elem, rk_elem_t*& node,
+                         std::string& recordType) {
+    const char* fieldName = md.getFieldNameStr(i);
+    const char* typeName = md.getFieldTypeStr(i);
+    node = rk_elem_child(elem, fieldName);
+    if (node == NULL) {
+        return false;
+    }
+    recordType = typeName;
+    std::vector<std::string> hierarchy = __hierarchyOf(md, i);
+    if (!md.isFieldNestedTypedef(i) ? strcmp(fieldName, typeName) == 0 : hierarchy.empty()) {
+        return true;
+    }
+    node = rk_elem_child(node, typeName);
+    if (node == NULL) {
+        return false;
+    }
+    for (size_t j = 0; j + 1 < hierarchy.size(); ++j) {
+        node = rk_elem_child(node, hierarchy[j].c_str());
+    }
+    if (!hierarchy.empty()) {
+        recordType = hierarchy.back();
+    }
+    return true;
 }
 
 void TezaFieldType::parseRkChildElement(rk_elem_t* elem) {
@@ -1056,206 +1014,74 @@ void TezaFieldType::parseRkChildElement(rk_elem_t* elem) {
     }
     const TezaFieldTypeMetaData& md = getMetaData();
     for (int i = 0; i < _numFields; ++i) {
-        TezaFieldTypeMetaData::TezaBasicType code = md.getFieldType(i);
-        const char* fieldName = md.getFieldNameStr(i);
-        const char* typeName = md.getFieldTypeStr(i);
-        bool primitive =
-            code >= TezaFieldTypeMetaData::STRING_TYPE && code <= TezaFieldTypeMetaData::BOOL_TYPE;
-
+        TezaBasicType code = md.getFieldType(i);
         if (md.isFieldArrayType(i)) {
-            rk_elem_t* wrapper = rk_elem_child(elem, fieldName);
-            if (wrapper == NULL) {
-                continue;
-            }
-            // Every child of the wrapper is an item, whatever its name. An empty wrapper reads
-            // as unset although a set empty array is written as one; kept for compatibility.
-            int count = 0;
-            rk_iterator_t counter = rk_child_iterator(wrapper);
-            while (rk_iterator_next(&counter) != NULL) {
-                ++count;
-            }
+            rk_elem_t* wrapper = rk_elem_child(elem, md.getFieldNameStr(i));
+            // An empty wrapper reads as unset although a set empty array is written as one;
+            // kept for compatibility.
+            int count = wrapper == NULL ? 0 : __countItems(wrapper);
             if (count == 0) {
                 continue;
             }
-            std::vector<std::string> hierarchy;
-            if (md.isFieldNestedTypedef(i)) {
-                hierarchy =
-                    TezaNamespaceFactory::getNestedTypedefHierarchy(md.getNamespace(), typeName);
-            }
-            std::string itemType =
-                !hierarchy.empty() ? hierarchy.back() : (typeName == NULL ? "" : typeName);
-
-            void* valueArray = NULL;
-            if (code == TezaFieldTypeMetaData::TYPEDEF_TYPE) {
-                valueArray = TezaNamespaceFactory::getInstances(md.getNamespace(), count, __ctgName,
-                                                                itemType);
-            } else if (_storeAsRawString || code == TezaFieldTypeMetaData::STRING_TYPE) {
-                valueArray = primitive ? new std::string[count] : NULL;
-            } else if (code == TezaFieldTypeMetaData::INT32_TYPE) {
-                valueArray = new int32_t[count]();
-            } else if (code == TezaFieldTypeMetaData::UINT32_TYPE) {
-                valueArray = new uint32_t[count]();
-            } else if (code == TezaFieldTypeMetaData::INT64_TYPE) {
-                valueArray = new int64_t[count]();
-            } else if (code == TezaFieldTypeMetaData::UINT64_TYPE) {
-                valueArray = new uint64_t[count]();
-            } else if (code == TezaFieldTypeMetaData::BOOL_TYPE) {
-                valueArray = new bool[count]();
-            }
+            std::vector<std::string> hierarchy = __hierarchyOf(md, i);
+            TezaBasicType held = __heldType(code, _storeAsRawString);
+            void* valueArray = __newItems(md, i, held, count, hierarchy);
             TEZA_ASSERT(valueArray != NULL);
-
-            rk_iterator_t walker = rk_child_iterator(wrapper);
-            rk_elem_t* item = rk_iterator_next(&walker);
-            for (int k = 0; item != NULL && k < count; ++k, item = rk_iterator_next(&walker)) {
-                // Items of a nested typedef are descended from the second name of the
-                // hierarchy on, without a check of the links; this does not mirror the writer
-                // and is kept for compatibility. A missing link leaves the item as allocated.
-                rk_elem_t* node = item;
-                for (size_t j = 1; j < hierarchy.size(); ++j) {
-                    node = rk_elem_child(node, hierarchy[j].c_str());
-                }
-                if (code == TezaFieldTypeMetaData::TYPEDEF_TYPE) {
-                    TezaFieldType& record = static_cast<TezaFieldType*>(valueArray)[k];
-                    if (_storeAsRawString) {
-                        record.storeAsRawstring(true);
-                    }
-                    record.parseRkChildElement(node);
-                    continue;
-                }
-                const char* content = rk_elem_get_content(node);
-                if (content == NULL) {
-                    continue;
-                }
-                if (_storeAsRawString || code == TezaFieldTypeMetaData::STRING_TYPE) {
-                    // Raw array items are decoded, unlike raw single values.
-                    static_cast<std::string*>(valueArray)[k] = ::getDecodedString(content, 0);
-                } else if (code == TezaFieldTypeMetaData::INT32_TYPE) {
-                    static_cast<int32_t*>(valueArray)[k] =
-                        static_cast<int32_t>(strtol(content, NULL, 10));
-                } else if (code == TezaFieldTypeMetaData::UINT32_TYPE) {
-                    static_cast<uint32_t*>(valueArray)[k] =
-                        static_cast<uint32_t>(strtoul(content, NULL, 10));
-                } else if (code == TezaFieldTypeMetaData::INT64_TYPE) {
-                    static_cast<int64_t*>(valueArray)[k] = strtoll(content, NULL, 10);
-                } else if (code == TezaFieldTypeMetaData::UINT64_TYPE) {
-                    static_cast<uint64_t*>(valueArray)[k] = strtoull(content, NULL, 10);
-                } else {
-                    static_cast<bool*>(valueArray)[k] = __isTrueText(content);
-                }
+            __readItems(*this, i, held, wrapper, count, hierarchy, valueArray);
+        } else if (__isPrimitive(code)) {
+            __readSingle(*this, md, i, elem);
+        } else if (code == TezaFieldTypeMetaData::TYPEDEF_TYPE) {
+            rk_elem_t* node = NULL;
+            std::string recordType;
+            if (!__findRecord(md, i, elem, node, recordType)) {
+                continue;
             }
-
-            if (code == TezaFieldTypeMetaData::TYPEDEF_TYPE) {
-                __setFieldValue(i, count, static_cast<TezaFieldType*>(valueArray));
-            } else if (_storeAsRawString) {
-                __setRawStringValue(i, count, static_cast<std::string*>(valueArray));
-            } else if (code == TezaFieldTypeMetaData::STRING_TYPE) {
-                __setFieldValue(i, count, static_cast<std::string*>(valueArray));
-            } else if (code == TezaFieldTypeMetaData::INT32_TYPE) {
-                __setFieldValue(i, count, static_cast<int32_t*>(valueArray));
-            } else if (code == TezaFieldTypeMetaData::UINT32_TYPE) {
-                __setFieldValue(i, count, static_cast<uint32_t*>(valueArray));
-            } else if (code == TezaFieldTypeMetaData::INT64_TYPE) {
-                __setFieldValue(i, count, static_cast<int64_t*>(valueArray));
-            } else if (code == TezaFieldTypeMetaData::UINT64_TYPE) {
-                __setFieldValue(i, count, static_cast<uint64_t*>(valueArray));
-            } else {
-                __setFieldValue(i, count, static_cast<bool*>(valueArray));
-            }
-            continue;
-        }
-
-        if (primitive) {
-            std::string text;
-            if (md.isFieldEncrypted(i)) {
-                char* clear = rk_child_get_string_encrypted(elem, fieldName, NULL);
-                if (clear == NULL) {
-                    continue;
-                }
-                text = clear;
-                rk_free(clear);
-            } else {
-                const char* found = rk_child_get_string(elem, fieldName);
-                if (found == NULL) {
-                    continue;
-                }
-                text = found;
-            }
+            TezaFieldType* tezaVal =
+                TezaNamespaceFactory::getInstance(md.getNamespace(), __ctgName, recordType);
+            TEZA_ASSERT(tezaVal != NULL);
             if (_storeAsRawString) {
-                // Kept exactly as received: single raw values are not entity-decoded.
-                setRawStringValue(i, text);
-            } else if (code == TezaFieldTypeMetaData::STRING_TYPE) {
-                __setFieldValue(i, ::getDecodedString(text, 0).c_str());
-            } else if (code == TezaFieldTypeMetaData::INT32_TYPE) {
-                setFieldValue(i, static_cast<int32_t>(strtol(text.c_str(), NULL, 10)));
-            } else if (code == TezaFieldTypeMetaData::UINT32_TYPE) {
-                setFieldValue(i, static_cast<uint32_t>(strtoul(text.c_str(), NULL, 10)));
-            } else if (code == TezaFieldTypeMetaData::INT64_TYPE) {
-                setFieldValue(i, static_cast<int64_t>(strtoll(text.c_str(), NULL, 10)));
-            } else if (code == TezaFieldTypeMetaData::UINT64_TYPE) {
-                setFieldValue(i, static_cast<uint64_t>(strtoull(text.c_str(), NULL, 10)));
-            } else {
-                // Presence comes from the text lookup, the value from the library's reading.
-                setFieldValue(i, rk_child_get_bool(elem, fieldName, 0) != 0);
+                tezaVal->storeAsRawstring(true);
             }
-            continue;
+            tezaVal->parseRkChildElement(node);
+            __setFieldValue(i, tezaVal);
         }
-
-        if (code != TezaFieldTypeMetaData::TYPEDEF_TYPE) {
-            continue;
-        }
-        rk_elem_t* node = rk_elem_child(elem, fieldName);
-        if (node == NULL) {
-            continue;
-        }
-        std::string recordType = typeName;
-        if (!md.isFieldNestedTypedef(i)) {
-            if (strcmp(fieldName, typeName) != 0) {
-                node = rk_elem_child(node, typeName);
-                if (node == NULL) {
-                    continue;
-                }
-            }
-        } else {
-            // The record is read from the element the writer makes the parent of the
-            // record's own element; kept for compatibility. The links after the first are not
-            // checked.
-            std::vector<std::string> hierarchy =
-                TezaNamespaceFactory::getNestedTypedefHierarchy(md.getNamespace(), typeName);
-            if (!hierarchy.empty()) {
-                node = rk_elem_child(node, typeName);
-                if (node == NULL) {
-                    continue;
-                }
-                for (size_t j = 0; j + 1 < hierarchy.size(); ++j) {
-                    node = rk_elem_child(node, hierarchy[j].c_str());
-                }
-                recordType = hierarchy.back();
-            }
-        }
-        TezaFieldType* tezaVal =
-            TezaNamespaceFactory::getInstance(md.getNamespace(), __ctgName, recordType);
-        TEZA_ASSERT(tezaVal != NULL);
-        if (_storeAsRawString) {
-            tezaVal->storeAsRawstring(true);
-        }
-        tezaVal->parseRkChildElement(node);
-        __setFieldValue(i, tezaVal);
     }
 }
 
 // --- Text rendering -----------------------------------------------------------------------------
 
-// Reads single field `i` as a T and appends its text.
-template <typename T>
-static bool __appendValue(const TezaFieldType& record, int i, std::string& out) {
-    T value = T();
-    if (!record.getFieldValue(i, value)) {
-        return false;
+// Appends single field `i`'s value; false when it could not be read. Raw texts and values are
+// shown as they are held, nested records indented four spaces further; the encrypted flag is
+// not consulted, so secrets are shown in the clear.
+static bool __appendValue(const TezaFieldType& record, TezaBasicType type, int i, int indent,
+                          std::string& out) {
+    bool ret = true;
+    if (type == TezaFieldTypeMetaData::TYPEDEF_TYPE) {
+        TezaFieldType* nested = NULL;
+        ret = record.getFieldValue(i, nested);
+        // A null record (its namespace had no factory) shows nothing.
+        if (ret && nested != NULL) {
+            out += nested->toString(indent + 4);
+        }
+    } else if (record.isStoreAsRawString()) {
+        if (__isPrimitive(type)) {
+            std::string text;
+            ret = record.getRawStringValue(i, text);
+            out += text;
+        }
+    } else {
+        __withValueType(type, [&](auto held) {
+            typename decltype(held)::Type value = typename decltype(held)::Type();
+            ret = record.getFieldValue(i, value);
+            if (ret) {
+                out += __toString(value);
+            }
+        });
     }
-    out += __toString(value);
-    return true;
+    return ret;
 }
 
+// Every item line but the first repeats the indentation and the field name.
 static void __appendItemPrefix(int j, const std::string& pad, const char* name, std::string& out) {
     if (j != 0) {
         out += "\n";
@@ -1267,28 +1093,44 @@ static void __appendItemPrefix(int j, const std::string& pad, const char* name, 
     out += "]: ";
 }
 
-// Reads array field `i` as T items and appends one line per item.
 template <typename T>
-static bool __appendItems(const TezaFieldType& record, int i, const std::string& pad,
-                          const char* name, std::string& out) {
-    int count = 0;
-    T* values = NULL;
-    if (!record.getFieldValue(i, count, values)) {
-        return false;
-    }
+static void __appendItemValues(int count, const T* values, const std::string& pad, const char* name,
+                               std::string& out) {
     for (int j = 0; j < count; ++j) {
         __appendItemPrefix(j, pad, name, out);
         out += __toString(values[j]);
     }
-    return true;
 }
 
-static void __appendTextItems(int count, const std::string* values, const std::string& pad,
-                              const char* name, std::string& out) {
-    for (int j = 0; j < count; ++j) {
-        __appendItemPrefix(j, pad, name, out);
-        out += values[j];
+// Appends one line per item of array field `i`; false when it could not be read.
+static bool __appendItems(const TezaFieldType& record, TezaBasicType type, int i, int indent,
+                          const std::string& pad, const char* name, std::string& out) {
+    int count = 0;
+    bool ret = true;
+    if (type == TezaFieldTypeMetaData::TYPEDEF_TYPE) {
+        TezaFieldType* records = NULL;
+        ret = record.getFieldValue(i, count, records);
+        for (int j = 0; ret && records != NULL && j < count; ++j) {
+            __appendItemPrefix(j, pad, name, out);
+            out += records[j].toString(indent + 4);
+        }
+    } else if (record.isStoreAsRawString()) {
+        std::string* texts = NULL;
+        ret = !__isPrimitive(type) || record.getRawStringValue(i, count, texts);
+        __appendItemValues(ret ? count : 0, texts, pad, name, out);
+    } else {
+        bool known = __withValueType(type, [&](auto held) {
+            typename decltype(held)::Type* values = NULL;
+            ret = record.getFieldValue(i, count, values);
+            __appendItemValues(ret ? count : 0, values, pad, name, out);
+        });
+        // An array of the unknown type is not read and shows ": unknown" once, a single value
+        // of it nothing; other types the library does not know show nothing either way.
+        if (!known && type == TezaFieldTypeMetaData::UNKNOWN_TYPE) {
+            out += ": unknown";
+        }
     }
+    return ret;
 }
 
 std::string TezaFieldType::toString(int indent) const {
@@ -1312,84 +1154,13 @@ std::string TezaFieldType::toString(int indent) const {
             out += "<not set>";
             continue;
         }
-        TezaFieldTypeMetaData::TezaBasicType code = md.getFieldType(i);
-        bool primitive =
-            code >= TezaFieldTypeMetaData::STRING_TYPE && code <= TezaFieldTypeMetaData::BOOL_TYPE;
-
-        if (!md.isFieldArrayType(i)) {
-            out += ": ";
-            bool ret = true;
-            if (code == TezaFieldTypeMetaData::TYPEDEF_TYPE) {
-                TezaFieldType* record = NULL;
-                ret = getFieldValue(i, record);
-                // A null record (its namespace had no factory) shows nothing.
-                if (ret && record != NULL) {
-                    out += record->toString(indent + 4);
-                }
-            } else if (_storeAsRawString) {
-                if (primitive) {
-                    std::string text;
-                    ret = getRawStringValue(i, text);
-                    out += text;
-                }
-            } else if (code == TezaFieldTypeMetaData::STRING_TYPE) {
-                std::string text;
-                ret = getFieldValue(i, text);
-                out += text;
-            } else if (code == TezaFieldTypeMetaData::INT32_TYPE) {
-                ret = __appendValue<int32_t>(*this, i, out);
-            } else if (code == TezaFieldTypeMetaData::UINT32_TYPE) {
-                ret = __appendValue<uint32_t>(*this, i, out);
-            } else if (code == TezaFieldTypeMetaData::INT64_TYPE) {
-                ret = __appendValue<int64_t>(*this, i, out);
-            } else if (code == TezaFieldTypeMetaData::UINT64_TYPE) {
-                ret = __appendValue<uint64_t>(*this, i, out);
-            } else if (code == TezaFieldTypeMetaData::BOOL_TYPE) {
-                ret = __appendValue<bool>(*this, i, out);
-            }
-            TEZA_ASSERT(ret);
-            continue;
-        }
-
         // An array shows one line per item; without items, the indented name alone.
         bool ret = true;
-        if (code == TezaFieldTypeMetaData::TYPEDEF_TYPE) {
-            int count = 0;
-            TezaFieldType* records = NULL;
-            ret = getFieldValue(i, count, records);
-            for (int j = 0; ret && records != NULL && j < count; ++j) {
-                __appendItemPrefix(j, pad, name, out);
-                out += records[j].toString(indent + 4);
-            }
-        } else if (_storeAsRawString) {
-            if (primitive) {
-                int count = 0;
-                std::string* texts = NULL;
-                ret = getRawStringValue(i, count, texts);
-                if (ret) {
-                    __appendTextItems(count, texts, pad, name, out);
-                }
-            }
-        } else if (code == TezaFieldTypeMetaData::STRING_TYPE) {
-            int count = 0;
-            std::string* texts = NULL;
-            ret = getFieldValue(i, count, texts);
-            if (ret) {
-                __appendTextItems(count, texts, pad, name, out);
-            }
-        } else if (code == TezaFieldTypeMetaData::INT32_TYPE) {
-            ret = __appendItems<int32_t>(*this, i, pad, name, out);
-        } else if (code == TezaFieldTypeMetaData::UINT32_TYPE) {
-            ret = __appendItems<uint32_t>(*this, i, pad, name, out);
-        } else if (code == TezaFieldTypeMetaData::INT64_TYPE) {
-            ret = __appendItems<int64_t>(*this, i, pad, name, out);
-        } else if (code == TezaFieldTypeMetaData::UINT64_TYPE) {
-            ret = __appendItems<uint64_t>(*this, i, pad, name, out);
-        } else if (code == TezaFieldTypeMetaData::BOOL_TYPE) {
-            ret = __appendItems<bool>(*this, i, pad, name, out);
-        } else if (code == TezaFieldTypeMetaData::UNKNOWN_TYPE) {
-            // Not read: its items are nothing the library can show.
-            out += ": unknown";
+        if (md.isFieldArrayType(i)) {
+            ret = __appendItems(*this, md.getFieldType(i), i, indent, pad, name, out);
+        } else {
+            out += ": ";
+            ret = __appendValue(*this, md.getFieldType(i), i, indent, out);
         }
         TEZA_ASSERT(ret);
     }
