@@ -166,6 +166,33 @@ TEST_F(MetricsTest, LabelValuesSurviveTheParserWhateverTheirCharacters) {
     EXPECT_EQ(parsed.samples.size(), 5u);
 }
 
+TEST_F(MetricsTest, TezadServesItsCountersAtMetrics) {
+    teza_test::TestServer server;
+    {
+        teza_test::ServerPtr h = teza_test::OpenHandle("127.0.0.1", server.port());
+        for (int i = 0; i < 3; ++i) {
+            teza_test::ElemPtr result(rk_server_invoke(h.get(), "account-list", nullptr));
+            EXPECT_EQ(teza_test::Read(result.get()).status, 1);
+        }
+        teza_test::ElemPtr version(rk_server_invoke(h.get(), "system-get-corvi-version", nullptr));
+        EXPECT_EQ(teza_test::Read(version.get()).status, 1);
+    }
+    std::string text;
+    ASSERT_EQ(teza_test::RunCommand("curl -s -f " + server.url() + "/metrics", &text), 0);
+    Parsed parsed = Parse(text);
+    ASSERT_EQ(parsed.exitStatus, 0) << text;
+    tezad::Counters counters = server.core().GetCounters();
+    EXPECT_EQ(counters.callsPerApi["account-list"], 3u);
+    EXPECT_EQ(parsed.samples["tezad_calls_total {\"api\": \"account-list\"}"], "3.0");
+    EXPECT_EQ(parsed.samples["tezad_calls_total {\"api\": \"system-get-corvi-version\"}"],
+              Float(counters.callsPerApi["system-get-corvi-version"]));
+    EXPECT_EQ(parsed.samples["tezad_connections_total {}"], Float(counters.connections));
+    EXPECT_EQ(parsed.samples.count("tezad_open_connections {}"), 1u);
+    EXPECT_EQ(parsed.samples["tezad_tls_sessions_resumed_total {}"], "0.0");
+    // The scrape is no call.
+    EXPECT_EQ(counters.calls, 3 + counters.callsPerApi["system-get-corvi-version"]);
+}
+
 TEST_F(MetricsTest, ParserRejectsBrokenText) {
     // The parser check itself can fail: an unescaped quote in a label value.
     Parsed parsed = Parse("# HELP a_total x\n# TYPE a_total counter\na_total{api=\"a\"b\"} 1\n");
