@@ -13,9 +13,9 @@
 namespace {
 
 // Shared by the workers of one run.
-struct __FanOutRun {
-    __FanOutRun(const std::vector<TezaServerConnection>& list, const TezaFanOut::Call& function,
-                const TezaFanOut::Options& settings, std::vector<TezaStatus>& statuses)
+struct FanOutRun {
+    FanOutRun(const std::vector<TezaServerConnection>& list, const TezaFanOut::Call& function,
+              const TezaFanOut::Options& settings, std::vector<TezaStatus>& statuses)
         : servers(list),
           call(function),
           options(settings),
@@ -35,12 +35,12 @@ struct __FanOutRun {
     size_t failed = 0;  // guarded by progressMutex
 };
 
-bool __deadlinePassed(const __FanOutRun& run) {
+bool __deadlinePassed(const FanOutRun& run) {
     return run.options.deadline.count() > 0 &&
            std::chrono::steady_clock::now() - run.start >= run.options.deadline;
 }
 
-TezaStatus __callOne(const __FanOutRun& run, size_t index) {
+TezaStatus __callOne(const FanOutRun& run, size_t index) {
     try {
         // A copy per call: the call's interface object copies it again, and a descriptor is
         // used by one thread at a time.
@@ -57,7 +57,7 @@ TezaStatus __callOne(const __FanOutRun& run, size_t index) {
     }
 }
 
-void __work(__FanOutRun* run) {
+void __work(FanOutRun* run) {
     const size_t total = run->servers.size();
     for (;;) {
         const size_t index = run->next.fetch_add(1, std::memory_order_relaxed);
@@ -90,7 +90,7 @@ std::vector<TezaStatus> TezaFanOut::run(const std::vector<TezaServerConnection>&
     if (servers.empty()) {
         return results;
     }
-    __FanOutRun state(servers, call, options, results);
+    FanOutRun state(servers, call, options, results);
     size_t workers = options.parallel == 0 ? 1 : options.parallel;
     if (workers > servers.size()) {
         workers = servers.size();

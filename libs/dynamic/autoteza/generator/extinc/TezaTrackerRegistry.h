@@ -48,6 +48,9 @@ class TEZA_API TezaTrackerRegistry {
     // The registered trackers, ordered by family, then API name (byte order).
     static std::vector<Entry> getTrackers();
     // Every registered tracker's names, trace level and counts, in the order of getTrackers.
+    // The trackers are read after the registry's lock is released: a tracker unregistered
+    // meanwhile must stay alive until read() returns (generated trackers live until their
+    // module is unloaded, after it has unregistered them).
     static std::vector<Reading> read();
 
     TezaTrackerRegistry() = delete;
