@@ -408,6 +408,8 @@ void CurlConnection::ApplyHeaders(const ServerSettings& s) {
         AddHeader(&_headers, authorization);
     }
     AddHeader(&_headers, "User-Agent: librk/" RK_VERSION);
+    // The field CURLOPT_ACCEPT_ENCODING would add, here in its documented place.
+    AddHeader(&_headers, "Accept-Encoding: gzip");
     AddHeader(&_headers, "Content-Type: application/xml; charset=utf-8");
     AddHeader(&_headers, "Accept: application/xml");
     AddHeader(&_headers,
