@@ -1,6 +1,7 @@
 # cmake --install: the runtime and librk with their public headers in one directory
 # (include/autoteza), the generator, tezad and the tools, the CMake package autoteza (targets
-# teza::autotezagenerator and teza::rk, and teza_generate) and the pkg-config file.
+# teza::autotezagenerator, teza::autotezafleet and teza::rk, and teza_generate) and the
+# pkg-config file.
 
 include(CMakePackageConfigHelpers)
 
@@ -8,12 +9,13 @@ set(TEZA_INSTALL_INCLUDEDIR ${CMAKE_INSTALL_INCLUDEDIR}/autoteza)
 set(TEZA_INSTALL_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/autoteza)
 set(TEZA_INSTALL_GENDIR ${CMAKE_INSTALL_DATADIR}/autoteza/teza-gen)
 
-install(TARGETS rk autotezagenerator EXPORT autotezaTargets
+install(TARGETS rk autotezagenerator autotezafleet EXPORT autotezaTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 
-file(GLOB teza_public_headers ${PROJECT_SOURCE_DIR}/libs/dynamic/autoteza/generator/extinc/*.h)
+file(GLOB teza_public_headers ${PROJECT_SOURCE_DIR}/libs/dynamic/autoteza/generator/extinc/*.h
+  ${PROJECT_SOURCE_DIR}/libs/dynamic/autoteza/fleet/extinc/*.h)
 install(FILES ${teza_public_headers} ${PROJECT_SOURCE_DIR}/libs/dynamic/rk/include/rk.h
   DESTINATION ${TEZA_INSTALL_INCLUDEDIR})
 

@@ -43,6 +43,8 @@ const char kUsage[] =
     "  --bench                 serve the benchmarks' APIs (bench-call, bench-volumes)\n"
     "  --threads N             connections served at once (default 8)\n"
     "  --keep-alive SECONDS    close idle connections after this long (default 30)\n"
+    "  --gzip-above BYTES      gzip answers longer than this for clients that accept it\n"
+    "                          (default 4096; 0: never)\n"
     "  --verbose               log every closed connection\n";
 
 int Fail(const std::string& message) {
@@ -183,6 +185,12 @@ int main(int argc, char** argv) {
             if (!ParseInt(v, 1, 1024, &http.threads)) {
                 return Fail(std::string("bad thread count: ") + v);
             }
+        } else if (arg == "--gzip-above") {
+            int bytes = 0;
+            if (!ParseInt(v, 0, 1 << 30, &bytes)) {
+                return Fail(std::string("bad gzip threshold: ") + v);
+            }
+            http.gzipAboveBytes = static_cast<size_t>(bytes);
         } else if (arg == "--keep-alive") {
             if (!ParseInt(v, 1, 86400, &http.keepAliveSeconds)) {
                 return Fail(std::string("bad keep-alive: ") + v);

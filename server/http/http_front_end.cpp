@@ -27,6 +27,9 @@
 #include <utility>
 #include <vector>
 
+#include "gzip_body.h"
+#include "metrics_text.h"
+
 namespace tezad {
 
 namespace {
@@ -376,7 +379,9 @@ SSL_CTX* NewTlsContext(const HttpOptions& o, std::string* error) {
 class HttpFrontEnd::Server final : public httplib::Server {
   public:
     Server(ServiceCore* core, const HttpOptions& options)
-        : _core(core), _certificateRequired(!options.clientCaFile.empty()) {
+        : _core(core),
+          _certificateRequired(!options.clientCaFile.empty()),
+          _gzipAboveBytes(options.gzipAboveBytes) {
         set_tcp_nodelay(true);
         set_keep_alive_max_count(kMaxCallsPerConnection);
         set_keep_alive_timeout(options.keepAliveSeconds);
@@ -386,6 +391,10 @@ class HttpFrontEnd::Server final : public httplib::Server {
         new_task_queue = [] { return new InlineQueue; };
         Post(kPath,
              [this](const httplib::Request& req, httplib::Response& res) { Answer(req, res); });
+        // The server's own counters, for monitoring; they name APIs and counts only.
+        Get("/metrics", [this](const httplib::Request&, httplib::Response& res) {
+            res.set_content(MetricsText(_core->GetCounters()), kMetricsContentType);
+        });
     }
 
     void SetPool(ConnectionPool* pool) { _pool = pool; }
@@ -403,9 +412,11 @@ class HttpFrontEnd::Server final : public httplib::Server {
   private:
     bool process_and_close_socket(socket_t sock) override;
     void Answer(const httplib::Request& req, httplib::Response& res);
+    void SetXml(const httplib::Request& req, std::string xml, httplib::Response& res) const;
 
     ServiceCore* const _core;
     const bool _certificateRequired;  // --client-ca: calls need a verified certificate
+    const size_t _gzipAboveBytes;
     ConnectionPool* _pool = nullptr;
 };
 
@@ -728,7 +739,7 @@ void HttpFrontEnd::Server::Answer(const httplib::Request& req, httplib::Response
             if (reply.httpStatus == 401) {
                 res.set_header("WWW-Authenticate", "Basic realm=\"teza\"");
             }
-            res.set_content(ToXml(reply.result.get()), kXml);
+            SetXml(req, ToXml(reply.result.get()), res);
             break;
         case Reply::Kind::Http:
             res.status = reply.httpStatus;
@@ -736,7 +747,7 @@ void HttpFrontEnd::Server::Answer(const httplib::Request& req, httplib::Response
             break;
         case Reply::Kind::Raw:
             res.status = 200;
-            res.set_content(reply.body, kXml);
+            SetXml(req, std::move(reply.body), res);
             break;
         case Reply::Kind::Truncated: {
             auto text = std::make_shared<std::string>(ToXml(reply.result.get()));
@@ -758,6 +769,21 @@ void HttpFrontEnd::Server::Answer(const httplib::Request& req, httplib::Response
             res.status = 500;
             break;
     }
+}
+
+// cpp-httplib compresses text/* bodies by itself when asked; XML answers are compressed here,
+// only above the threshold, where the saving outweighs the work on both sides.
+void HttpFrontEnd::Server::SetXml(const httplib::Request& req, std::string xml,
+                                  httplib::Response& res) const {
+    std::string compressed;
+    if (_gzipAboveBytes > 0 && xml.size() > _gzipAboveBytes &&
+        AcceptsGzip(req.get_header_value("Accept-Encoding")) && GzipCompress(xml, &compressed)) {
+        res.set_header("Content-Encoding", "gzip");
+        res.body = std::move(compressed);
+    } else {
+        res.body = std::move(xml);
+    }
+    res.set_header("Content-Type", kXml);
 }
 
 HttpFrontEnd::HttpFrontEnd(ServiceCore* core, HttpOptions options)

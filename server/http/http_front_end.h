@@ -35,6 +35,9 @@ struct HttpOptions {
     int keepAliveSeconds = 30;    // an idle connection is closed after this long
     int readTimeoutSeconds = 10;  // for the rest of a request once it has begun
     size_t maxRequestBytes = 64u << 20;
+    // XML answers longer than this are sent gzip-compressed to clients that accept gzip;
+    // 0 sends every answer as it is.
+    size_t gzipAboveBytes = 4096;
     bool verbose = false;  // one log line per connection on stderr
 };
 

@@ -36,7 +36,9 @@ foreach(file include/autoteza/rk.h include/autoteza/TezaInterface.h
              include/autoteza/TezaUtil.h lib/cmake/autoteza/autotezaConfig.cmake
              lib/cmake/autoteza/TezaGenerate.cmake lib/pkgconfig/autoteza.pc
              share/autoteza/teza-gen/templates/module.h.j2 bin/tezad bin/teza-call
-             bin/teza-demo bin/teza-gen)
+             bin/teza-demo bin/teza-gen include/autoteza/TezaFanOut.h
+             include/autoteza/TezaTrackerRegistry.h include/autoteza/TezaMetricsWriter.h
+             lib/libautotezafleet.so)
   if(NOT EXISTS "${prefix}/${file}")
     message(FATAL_ERROR "install_test: ${file} was not installed")
   endif()

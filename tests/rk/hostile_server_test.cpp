@@ -170,7 +170,9 @@ std::vector<HostileCase> Cases() {
               OneChunk()),
         RK_ERR_PROTOCOL, kAtOnce, "both Transfer-Encoding and Content-Length");
     add("GzipClaimedButNotSent", Sends(Answer(passed, "Content-Encoding: gzip\r\n")),
-        RK_ERR_PROTOCOL, kAtOnce, "encoded with &quot;gzip&quot;");
+        RK_ERR_PROTOCOL, kAtOnce, "has a gzip body that cannot be decoded");
+    add("EncodingNotAskedFor", Sends(Answer(passed, "Content-Encoding: br\r\n")), RK_ERR_PROTOCOL,
+        kAtOnce, "encoded with &quot;br&quot;, which librk did not ask for");
     add("HeaderLineWithoutColon", Sends(Answer(passed, "this is no field\r\n")), RK_ERR_PROTOCOL,
         kAtOnce);
     add("NulByteInAHeaderLine", Sends(Answer(passed, std::string("X-Nul: a\0b\r\n", 12))),

@@ -105,6 +105,7 @@ TEST_F(WireFormat, DocumentedRequestIsWhatLibrkSends) {
                   "\r\n"
                   "Authorization: Basic YWRtaW46c2VjcmV0\r\n"
                   "User-Agent: librk/0.1.0\r\n"
+                  "Accept-Encoding: gzip\r\n"
                   "Content-Type: application/xml; charset=utf-8\r\n"
                   "Accept: application/xml\r\n"
                   "X-Teza-Api-Version: 1.21\r\n"

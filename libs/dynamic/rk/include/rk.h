@@ -121,10 +121,13 @@ RK_API int rk_is_started(void);
  * (rk_server_set_max_response_size). An answer past any of these fails with RK_ERR_PROTOCOL
  * and a reason naming the part that is too large, as do: a header line of 100 KiB or more (a
  * status line too), two Content-Length values that differ, a Content-Length that is not a
- * decimal number, Transfer-Encoding together with Content-Length, and a Content-Encoding
- * other than identity (librk asks for none). Redirections are never followed: a 3xx answer is
- * an HTTP status without a TEZA result (RK_ERR_HTTP_STATUS). The first two limits count all
- * header lines of one call together: status lines, fields, interim answers and trailers. */
+ * decimal number, Transfer-Encoding together with Content-Length, a Content-Encoding other
+ * than identity and gzip (librk asks for gzip alone), and a gzip body that cannot be decoded.
+ * The size limit holds for the decoded body: a small compressed answer that would decode past
+ * it fails with RK_ERR_TOO_LARGE as soon as the limit is passed. Redirections are never
+ * followed: a 3xx answer is an HTTP status without a TEZA result (RK_ERR_HTTP_STATUS). The
+ * first two limits count all header lines of one call together: status lines, fields, interim
+ * answers and trailers. */
 #define RK_HTTP_MAX_HEADER_BYTES 65536
 #define RK_HTTP_MAX_HEADER_LINES 256
 #define RK_HTTP_MAX_INTERIM_ANSWERS 16 /* interim (1xx) answers before the final one */

@@ -314,6 +314,9 @@ void CurlConnection::ApplyTransfer(const ServerSettings& s) {
     SetOpt(_easy, CURLOPT_NOSIGNAL, 1L);  // several threads; time-outs without SIGALRM
     SetOpt(_easy, CURLOPT_TCP_NODELAY, 1L);
     SetOpt(_easy, CURLOPT_MAXCONNECTS, 1L);
+    // Asks for gzip and lets libcurl decode it: OnBody sees the decoded bytes, so the size
+    // limit holds for the answer as it is read, however well it was compressed.
+    SetOpt(_easy, CURLOPT_ACCEPT_ENCODING, "gzip");
     SetOpt(_easy, CURLOPT_ERRORBUFFER, _error);
     SetOpt(_easy, CURLOPT_WRITEFUNCTION, &CurlConnection::OnBody);
     SetOpt(_easy, CURLOPT_WRITEDATA, static_cast<void*>(this));
@@ -405,6 +408,8 @@ void CurlConnection::ApplyHeaders(const ServerSettings& s) {
         AddHeader(&_headers, authorization);
     }
     AddHeader(&_headers, "User-Agent: librk/" RK_VERSION);
+    // The field CURLOPT_ACCEPT_ENCODING would add, here in its documented place.
+    AddHeader(&_headers, "Accept-Encoding: gzip");
     AddHeader(&_headers, "Content-Type: application/xml; charset=utf-8");
     AddHeader(&_headers, "Accept: application/xml");
     AddHeader(&_headers,
@@ -637,8 +642,11 @@ CurlConnection::Failure CurlConnection::ExchangeFailure(CURLcode code,
 CurlConnection::Failure CurlConnection::ProtocolFailure(CURLcode code,
                                                         const std::string& detail) const {
     switch (code) {
-        case CURLE_WEIRD_SERVER_REPLY:
         case CURLE_BAD_CONTENT_ENCODING:
+            return {
+                "the answer of " + _endpoint + " has a gzip body that cannot be decoded: " + detail,
+                RK_ERR_PROTOCOL};
+        case CURLE_WEIRD_SERVER_REPLY:
         case CURLE_HTTP2:
             return {"the answer of " + _endpoint + " is not understandable HTTP/1.1: " + detail,
                     RK_ERR_PROTOCOL};
@@ -832,8 +840,9 @@ bool CurlConnection::HeaderField(const char* data, size_t n) {
     } else if (strcasecmp(name.c_str(), "Transfer-Encoding") == 0) {
         _transferEncoding = true;
     } else if (strcasecmp(name.c_str(), "Content-Encoding") == 0 &&
-               strcasecmp(value.c_str(), "identity") != 0) {
-        // librk asks for no content coding (no Accept-Encoding), so it decodes none.
+               strcasecmp(value.c_str(), "identity") != 0 &&
+               strcasecmp(value.c_str(), "gzip") != 0) {
+        // librk asks for gzip alone (Accept-Encoding), so it decodes no other coding.
         return RefuseHttp("its body is encoded with \"" + value +
                           "\", which librk did not ask for");
     }

@@ -10,6 +10,7 @@
 #include <memory>
 
 #include "TezaNamespaceFactory.h"
+#include "TezaTrackerRegistry.h"
 
 namespace {
 
@@ -1727,5 +1728,39 @@ TezaTracer* getTracker(int interfaceId, int api) {
             return nullptr;
     }
 }
+
+namespace {
+
+// Every tracker of the module is in TezaTrackerRegistry while the module is loaded. The
+// trackers are made here, before this object is complete, so they outlive its destructor.
+struct TrackerRegistration {
+    TrackerRegistration() { forEach(&TezaTrackerRegistry::registerTracker); }
+    ~TrackerRegistration() {
+        forEach([](const char*, const char*, TezaTracer* tracker) {
+            TezaTrackerRegistry::unregisterTracker(tracker);
+        });
+    }
+    template <class Visit>
+    static void forEach(Visit visit) {
+        visit("stock", "stock-ping",
+              inventory::StockFamily::getTracker(inventory::StockFamily::API_STOCK_PING));
+        visit("stock", "stock-add",
+              inventory::StockFamily::getTracker(inventory::StockFamily::API_STOCK_ADD));
+        visit("stock", "stock-list",
+              inventory::StockFamily::getTracker(inventory::StockFamily::API_STOCK_LIST));
+        visit("stock", "stock-move",
+              inventory::StockFamily::getTracker(inventory::StockFamily::API_STOCK_MOVE));
+        visit("billing", "invoice-get",
+              billing::BillingFamily::getTracker(billing::BillingFamily::API_INVOICE_GET));
+        visit("billing", "delete",
+              billing::BillingFamily::getTracker(billing::BillingFamily::API_DELETE));
+        visit("status", "status-ping",
+              status::StatusFamily::getTracker(status::StatusFamily::API_STATUS_PING));
+    }
+};
+
+const TrackerRegistration trackerRegistration;
+
+}  // namespace
 
 }  // namespace everything

@@ -1,0 +1,68 @@
+#include "gzip_body.h"
+
+#include <stdlib.h>
+#include <strings.h>
+#include <zlib.h>
+
+namespace tezad {
+
+namespace {
+
+std::string Trim(const std::string& text) {
+    const size_t begin = text.find_first_not_of(" \t");
+    if (begin == std::string::npos) {
+        return "";
+    }
+    const size_t end = text.find_last_not_of(" \t");
+    return text.substr(begin, end - begin + 1);
+}
+
+}  // namespace
+
+bool AcceptsGzip(const std::string& acceptEncoding) {
+    size_t at = 0;
+    while (at <= acceptEncoding.size()) {
+        size_t comma = acceptEncoding.find(',', at);
+        if (comma == std::string::npos) {
+            comma = acceptEncoding.size();
+        }
+        const std::string item = acceptEncoding.substr(at, comma - at);
+        at = comma + 1;
+        const size_t semicolon = item.find(';');
+        const std::string coding = Trim(item.substr(0, semicolon));
+        if (strcasecmp(coding.c_str(), "gzip") != 0 && strcasecmp(coding.c_str(), "x-gzip") != 0 &&
+            coding != "*") {
+            continue;
+        }
+        // "q=0", "q=0.0"...: refused; any other weight, or none, accepts.
+        if (semicolon != std::string::npos) {
+            const std::string parameter = Trim(item.substr(semicolon + 1));
+            if ((parameter.rfind("q=", 0) == 0 || parameter.rfind("Q=", 0) == 0) &&
+                strtod(parameter.c_str() + 2, nullptr) <= 0.0) {
+                continue;
+            }
+        }
+        return true;
+    }
+    return false;
+}
+
+bool GzipCompress(const std::string& body, std::string* out) {
+    z_stream stream = {};
+    // 15 window bits, plus 16 for the gzip wrapper instead of zlib's.
+    if (deflateInit2(&stream, Z_DEFAULT_COMPRESSION, Z_DEFLATED, 15 + 16, 8, Z_DEFAULT_STRATEGY) !=
+        Z_OK) {
+        return false;
+    }
+    out->resize(deflateBound(&stream, static_cast<uLong>(body.size())));
+    stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(body.data()));
+    stream.avail_in = static_cast<uInt>(body.size());
+    stream.next_out = reinterpret_cast<Bytef*>(&(*out)[0]);
+    stream.avail_out = static_cast<uInt>(out->size());
+    const int status = deflate(&stream, Z_FINISH);
+    out->resize(stream.total_out);
+    deflateEnd(&stream);
+    return status == Z_STREAM_END;
+}
+
+}  // namespace tezad
