@@ -95,6 +95,23 @@ void ExpectClean(const std::string& where, const std::string& text) {
     }
 }
 
+// Every text the trace hook received since it was last emptied, in order.
+std::string TakeHookedTexts() {
+    std::string hooked;
+    for (const testsupport::HookCall& call : testsupport::TakeHookCalls()) {
+        hooked += call.text;
+    }
+    return hooked;
+}
+
+std::string OneLineEach(const std::vector<std::string>& texts) {
+    std::string lines;
+    for (const std::string& text : texts) {
+        lines += text + "\n";
+    }
+    return lines;
+}
+
 class Credentials : public ::testing::Test {
   protected:
     void SetUp() override {
@@ -157,19 +174,13 @@ TEST_F(Credentials, PasswordsAppearInNoLogTraceOrErrorText) {
     EXPECT_NE(out.find("Teza failed"), std::string::npos);
     EXPECT_NE(out.find("acct3"), std::string::npos);
     ExpectClean("standard output", out);
-    std::string hooked;
-    for (const testsupport::HookCall& call : testsupport::TakeHookCalls()) {
-        hooked += call.text;
-    }
+    const std::string hooked = TakeHookedTexts();
     EXPECT_NE(hooked.find("account-create"), std::string::npos);
     ExpectClean("the trace hook's texts", hooked);
     const std::string log = _log.Contents();
     EXPECT_NE(log.find("connection failed"), std::string::npos);
     ExpectClean("the log file", log);
-    std::string allErrors;
-    for (const std::string& error : errors) {
-        allErrors += error + "\n";
-    }
+    const std::string allErrors = OneLineEach(errors);
     EXPECT_NE(allErrors.find("login or password is wrong"), std::string::npos);
     EXPECT_NE(allErrors.find("connection refused"), std::string::npos);
     EXPECT_NE(allErrors.find("listing refused"), std::string::npos);
@@ -336,19 +347,13 @@ TEST_F(StyleSecrets, TokensAndKeyPassphrasesAppearInNoLogTraceOrErrorText) {
     // The calls did happen, passing and failing in every way the test meant.
     EXPECT_NE(out.find("styled3"), std::string::npos);
     ExpectClean("standard output", out);
-    std::string hooked;
-    for (const testsupport::HookCall& call : testsupport::TakeHookCalls()) {
-        hooked += call.text;
-    }
+    const std::string hooked = TakeHookedTexts();
     EXPECT_NE(hooked.find("account-create"), std::string::npos);
     ExpectClean("the trace hook's texts", hooked);
     const std::string log = _log.Contents();
     EXPECT_NE(log.find("connection failed"), std::string::npos);
     ExpectClean("the log file", log);
-    std::string allErrors;
-    for (const std::string& error : errors) {
-        allErrors += error + "\n";
-    }
+    const std::string allErrors = OneLineEach(errors);
     EXPECT_NE(allErrors.find("the token is wrong"), std::string::npos) << allErrors;
     EXPECT_NE(allErrors.find("cannot set up TLS"), std::string::npos) << allErrors;
     EXPECT_NE(allErrors.find("needs HTTPS"), std::string::npos) << allErrors;
