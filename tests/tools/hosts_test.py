@@ -269,6 +269,14 @@ class HostsTest(unittest.TestCase):
         self.assertEqual({key: summary[key] for key in ("hosts", "passed", "failed", "not run")},
                          {"hosts": 3, "passed": 2, "failed": 1, "not run": 0})
         self.assertIsInstance(summary["seconds"], float)
+        # A host name that is not UTF-8 is written with replacement characters.
+        odd = os.path.join(self.tmp, "odd-hosts")
+        with open(odd, "wb") as f:
+            f.write(b"\xff\xfe.invalid:80\n")
+        result = self.call(odd, "--output", "json", "account-list")
+        self.assertEqual(result.returncode, 1, result.stderr)
+        entry = json.loads(result.stdout)["hosts"][0]
+        self.assertEqual((entry["host"], entry["status"]), ("\ufffd\ufffd.invalid:80", "failed"))
         # A failure the server answered with, in JSON.
         result = self.call(hosts, "--output", "json", "account-get", "name=nobody")
         entry = json.loads(result.stdout)["hosts"][0]

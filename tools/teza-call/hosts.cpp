@@ -354,7 +354,11 @@ int CallHosts(const std::vector<HostEntry>& hosts, const HostsCall& call, FILE* 
                         {"failed", failed},
                         {"not run", notRun},
                         {"seconds", seconds}};
-        fprintf(out, "%s\n", json({{"hosts", list}, {"summary", summary}}).dump(2).c_str());
+        // A host name from the file, or a text from a server, that is not UTF-8 is written
+        // with replacement characters rather than ending the program.
+        const std::string text = json({{"hosts", list}, {"summary", summary}})
+                                     .dump(2, ' ', false, json::error_handler_t::replace);
+        fprintf(out, "%s\n", text.c_str());
     } else {
         fprintf(out, "%zu hosts: %zu ok, %zu failed, %zu not run in %.3f s\n", hosts.size(), passed,
                 failed, notRun, seconds);

@@ -139,6 +139,12 @@ struct Options {
     int deadline = 0;  // 0: not given
 };
 
+// The document indented by two. A text that is not UTF-8 (a host name as given, a reason that
+// quotes it) is written with replacement characters rather than ending the program.
+std::string Dump(const json& document) {
+    return document.dump(2, ' ', false, json::error_handler_t::replace);
+}
+
 int Usage(const char* problem, const std::string& detail) {
     fprintf(stderr, "teza-call: %s%s\n%s", problem, detail.c_str(), kUsage.c_str());
     return kLocalError;
@@ -433,7 +439,7 @@ int ReportFailure(const Options& options, const std::string& what, rk_elem_t* re
     fprintf(stderr, "teza-call: %s failed: error %d: %s\n", what.c_str(), errnum, decoded.c_str());
     if (options.json) {
         json failure = {{"status", "failed"}, {"errno", errnum}, {"reason", decoded}};
-        printf("%s\n", failure.dump(2).c_str());
+        printf("%s\n", Dump(failure).c_str());
     }
     return StatusOf(errnum);
 }
@@ -442,7 +448,7 @@ int LocalError(const Options& options, const std::string& message) {
     fprintf(stderr, "teza-call: %s\n", message.c_str());
     if (options.json) {
         json failure = {{"status", "failed"}, {"errno", 0}, {"reason", message}};
-        printf("%s\n", failure.dump(2).c_str());
+        printf("%s\n", Dump(failure).c_str());
     }
     return kLocalError;
 }
@@ -522,7 +528,7 @@ int List(const Options& options, rk_server_t* server) {
         rows.push_back(row);
     }
     if (options.json) {
-        printf("%s\n", json({{"status", "passed"}, {"apis", apis}}).dump(2).c_str());
+        printf("%s\n", Dump(json({{"status", "passed"}, {"apis", apis}})).c_str());
         return kPassed;
     }
     for (const Row& row : rows) {
@@ -720,7 +726,7 @@ int Call(const Options& options, rk_server_t* server) {
     if (options.json) {
         json output = description ? description->ResultJson(result.get(), stderr)
                                   : teza_call::UntypedJson(result.get());
-        printf("%s\n", json({{"status", "passed"}, {"result", output}}).dump(2).c_str());
+        printf("%s\n", Dump(json({{"status", "passed"}, {"result", output}})).c_str());
         return kPassed;
     }
     char* text = rk_elem_sprintf(result.get());
