@@ -93,13 +93,8 @@ TezaStatus LocalFailure(const std::string& reason) {
     return TezaStatus(TezaStatus::ApiFailed, reason, 0);
 }
 
-TezaStatus CallOne(HostInterface& api, const HostsCall& call, Outcome* outcome) {
-    outcome->started = true;
-    TezaStatus status = api.openConnection(kCallApi);
-    if (status.status != TezaStatus::Success) {
-        status.reason = Decoded(status.reason);
-        return status;
-    }
+// The description (unless unchecked) and the call, on the open connection.
+TezaStatus CallOnConnection(HostInterface& api, const HostsCall& call, Outcome* outcome) {
     if (call.checked) {
         ElemPtr request(rk_elem_new(kDescribeApi));
         rk_child_add_string(request.get(), "api", call.api.c_str());
@@ -110,35 +105,46 @@ TezaStatus CallOne(HostInterface& api, const HostsCall& call, Outcome* outcome) 
             const int errnum = rk_results_errno(response.get());
             // A server that does not describe itself, or this API, takes the call unchecked.
             if (errnum != kErrUnknownApi && errnum != kErrNotDescribed) {
-                api.closeConnection();
                 return FailureOf(response.get());
             }
         } else {
             outcome->description.emplace();
             std::string error;
             if (!outcome->description->Read(response.get(), call.api, &error)) {
-                api.closeConnection();
                 return LocalFailure(error);
             }
         }
     }
     ElemPtr request(rk_elem_new(call.api.c_str()));
+    if (request == nullptr) {
+        return LocalFailure("\"" + call.api + "\" is not an API name");
+    }
     std::string error;
-    if (request == nullptr || !call.build(outcome->description ? &*outcome->description : nullptr,
-                                          request.get(), &error)) {
-        api.closeConnection();
-        return LocalFailure(request == nullptr ? "\"" + call.api + "\" is not an API name" : error);
+    if (!call.build(outcome->description ? &*outcome->description : nullptr, request.get(),
+                    &error)) {
+        return LocalFailure(error);
     }
     rk_elem_t* answer = nullptr;
     api.perform_invocation(request.get(), answer, kCallApi, nullptr);
     ElemPtr response(answer);
     if (rk_results_status(response.get()) != 1) {
-        api.closeConnection();
         return FailureOf(response.get());
     }
-    api.closeConnection();
     outcome->result = std::move(response);
     return TezaStatus();
+}
+
+// One host's call, on a worker thread: open (with the version probe), call, close.
+TezaStatus CallOne(HostInterface& api, const HostsCall& call, Outcome* outcome) {
+    outcome->started = true;
+    TezaStatus status = api.openConnection(kCallApi);
+    if (status.status != TezaStatus::Success) {
+        status.reason = Decoded(status.reason);
+        return status;
+    }
+    status = CallOnConnection(api, call, outcome);
+    api.closeConnection();
+    return status;
 }
 
 // The element's text as it came from the wire, its line ends and tabs written as character
