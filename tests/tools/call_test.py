@@ -373,6 +373,13 @@ output: account-create-reply
         self.assertEqual(json.loads(result.stdout)["errno"], 13055)
         self.assertEqual(result.stderr, "teza-call: account-list failed: error 13055: "
                                         f"connection refused by http://127.0.0.1:{port}\n")
+        # A host name that is not UTF-8, quoted in the reason, in JSON.
+        result = run([CALL, "--host", b"\xff.invalid", "--port", port, "--style", "none",
+                      "--output", "json", "account-list"], errors="replace")
+        self.assertEqual(result.returncode, 2)
+        self.assertEqual(json.loads(result.stdout), {
+            "status": "failed", "errno": 13013,
+            "reason": "host '\ufffd.invalid' is not a host name or address"})
         result = run([CALL, "--list", "account-list"])
         self.assertEqual(result.returncode, 2)
         help_text = run([CALL, "--help"]).stdout

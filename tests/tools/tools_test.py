@@ -393,6 +393,32 @@ class ToolsTest(unittest.TestCase):
                        "--key-password-file FILE", "TEZA_PASSWORD", "TEZA_TOKEN"):
             self.assertIn(option, result.stdout)
 
+    def test_call_hosts_over_https_with_a_client_certificate(self):
+        # --hosts: the TLS files and the certificate style apply to every host.
+        servers = [self.start_tezad("--tls-cert", self.cert, "--tls-key", self.key,
+                                    "--client-ca", self.client_ca, "--cert-user", "alice")
+                   for _ in range(2)]
+        hosts = self.secret_file("tls-hosts", "".join(
+            f"127.0.0.1:{server.port}\n" for server in servers))
+        base = ["--hosts", hosts, "--tls", "--cert", self.alice, "--key", self.alice_key]
+        passed = self.call_with([*base, "--ca", self.cert, "account-list"])
+        self.assertEqual(passed.returncode, 0, passed.stdout + passed.stderr)
+        lines = passed.stdout.splitlines()
+        for line, server in zip(lines, servers):
+            self.assertEqual(line, f"127.0.0.1:{server.port}  ok       <count>0</count>"
+                                   "<accounts/>")
+        self.assertRegex(lines[2], r"^2 hosts: 2 ok, 0 failed, 0 not run in ")
+        # Without the CA file the self-signed certificate is not trusted, on any host.
+        untrusted = self.call_with([*base, "account-list"])
+        self.assertEqual(untrusted.returncode, 1)
+        self.assertEqual(len(re.findall(r"  failed   error 13071: ", untrusted.stdout)), 2,
+                         untrusted.stdout)
+        missing = self.call_with([*base, "--ca", os.path.join(self.tmp, "none.pem"),
+                                  "account-list"])
+        self.assertEqual(missing.returncode, 2)
+        self.assertEqual(missing.stdout, "")
+        self.assertIn("cannot read the CA file", missing.stderr)
+
     def test_demo_with_a_token_file_and_with_a_client_certificate(self):
         server = self.start_tezad("--token", TOKEN)
         result = run([DEMO, "--host", "127.0.0.1", "--port", server.port, "--token-file",

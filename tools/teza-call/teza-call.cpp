@@ -2,7 +2,8 @@
 // tree or as JSON; lists and describes the APIs of a server that describes itself, and then
 // checks arguments before anything is sent. Exit statuses: 0 passed, 1 the server answered
 // with a failure, 2 usage or local error, 3 the server could not be reached or the exchange
-// broke.
+// broke. With --hosts FILE the same call goes to every host of the file (hosts.h): 0 when
+// every host passed, 1 when one did not, 2 usage or local error.
 //
 // Credentials (credentials.h) come from files, the environment or a prompt; the secrets are
 // never printed.
@@ -31,6 +32,7 @@
 #include "api_description.h"
 #include "credentials.h"
 #include "demo_service.h"
+#include "hosts.h"
 #include "inprocess_server.h"
 #include "rk.h"
 #include "service_core.h"
@@ -56,6 +58,8 @@ const char kUsageHead[] =
     "  --unix PATH                                   HTTP over a Unix socket\n"
     "  --in-process       tezad's demo service in this process (user admin, password\n"
     "                     secret; token secret)\n"
+    "  --hosts FILE|- [--port PORT] [--tls [--ca FILE]]   the same call to every host of\n"
+    "                     FILE, a line each (below)\n"
     "Options:\n"
     "  --api-version M.N  --type node|cluster|agent|depot  --timeout S (default 60)\n"
     "  --list             the server's APIs, one a line: name, input type, output type\n"
@@ -70,6 +74,9 @@ const char kUsageHead[] =
     "  --encryption-key-file FILE  key of encrypted values: the first line of FILE (default:\n"
     "                     the client library's, which is no secret)\n"
     "  --unchecked        send without asking the server for its description\n"
+    "  --parallel N       with --hosts: calls at once, 1 to 1024 (default 32)\n"
+    "  --deadline S       with --hosts: the hosts whose call has not started S seconds after\n"
+    "                     the start are not called, and reported as not run (error 14101)\n"
     "When the server describes itself (system-api-describe), arguments are checked before\n"
     "anything is sent, and encrypted fields are sent encrypted without --secret.\n"
     "NAME is a path of elements: address/city=London; tags/tag=a tags/tag=b gives two items of\n"
@@ -79,7 +86,18 @@ const char kUsageHead[] =
     "and in JSON as {\"export-rules\": [{\"client-match\": \"a\"}, {\"client-match\": \"b\"}]}.\n"
     "Exit status: 0 passed; 1 the server answered with a failure; 2 usage or local error;\n"
     "3 the server could not be reached or the exchange broke (connection, TLS, time-out,\n"
-    "transport).\n";
+    "transport).\n"
+    "--hosts FILE: one host a line: host, host:port, [IPv6 address]:port or a bare IPv6\n"
+    "address; a host without a port takes --port. # starts a comment, blank lines are\n"
+    "skipped; - reads standard input. Every host gets the call with the same credentials, TLS\n"
+    "files and time-out, checked against its own description. Printed in the file's order, a\n"
+    "line a host: the host, then ok and the result on one line, or failed (or not run), the\n"
+    "error number and the reason; then a summary line. --output json prints one document:\n"
+    "{\"hosts\": [{\"host\": \"h:1\", \"line\": 1, \"status\": \"passed\", \"result\": {...}}, "
+    "...],\n"
+    "\"summary\": {\"hosts\": N, \"passed\": N, \"failed\": N, \"not run\": N, \"seconds\": S}}.\n"
+    "Exit status with --hosts: 0 every host passed; 1 a host failed or was not run; 2 usage\n"
+    "or local error (nothing sent).\n";
 const std::string kUsage = std::string(kUsageHead) + teza_tools::kCredentialUsage;
 
 const char kInProcessName[] = "teza-call";
@@ -116,7 +134,16 @@ struct Options {
     std::string keyFile;
     std::string api;
     std::vector<Argument> arguments;
+    std::string hostsFile;
+    int parallel = 0;  // 0: not given
+    int deadline = 0;  // 0: not given
 };
+
+// The document indented by two. A text that is not UTF-8 (a host name as given, a reason that
+// quotes it) is written with replacement characters rather than ending the program.
+std::string Dump(const json& document) {
+    return document.dump(2, ' ', false, json::error_handler_t::replace);
+}
 
 int Usage(const char* problem, const std::string& detail) {
     fprintf(stderr, "teza-call: %s%s\n%s", problem, detail.c_str(), kUsage.c_str());
@@ -180,6 +207,16 @@ int ParseOptions(int argc, char** argv, Options* options) {
             }
         } else if (arg == "--unix") {
             options->unixPath = value;
+        } else if (arg == "--hosts") {
+            options->hostsFile = value;
+        } else if (arg == "--parallel") {
+            if (!ParseInt(value, 1, 1024, &options->parallel)) {
+                return Usage("--parallel is a number from 1 to 1024, not ", value);
+            }
+        } else if (arg == "--deadline") {
+            if (!ParseInt(value, 1, 86400, &options->deadline)) {
+                return Usage("--deadline is a number of seconds from 1 to 86400, not ", value);
+            }
         } else if (arg == "--ca") {
             options->caFile = value;
         } else if (arg == "--timeout") {
@@ -258,18 +295,31 @@ int ParseOptions(int argc, char** argv, Options* options) {
             return Usage("arguments are NAME=VALUE, not: ", arg);
         }
     }
+    const bool hosts = !options->hostsFile.empty();
+    // With --hosts, --port is the port of the hosts written without one.
     const int connections = (options->inProcess ? 1 : 0) + (options->unixPath.empty() ? 0 : 1) +
-                            (options->host.empty() && options->port == 0 ? 0 : 1);
+                            (options->host.empty() && (options->port == 0 || hosts) ? 0 : 1) +
+                            (hosts ? 1 : 0);
     if (connections != 1) {
         return Usage(connections == 0 ? "no connection: " : "one connection only: ",
-                     "--host and --port are needed, or --unix PATH, or --in-process");
+                     "--host and --port are needed, or --unix PATH, or --in-process, or "
+                     "--hosts FILE");
     }
-    if (!options->inProcess && options->unixPath.empty() &&
+    if (!hosts && !options->inProcess && options->unixPath.empty() &&
         (options->host.empty() || options->port == 0)) {
         return Usage("--host and --port go together", "");
     }
     if (options->tls && (options->inProcess || !options->unixPath.empty())) {
-        return Usage("--tls goes with --host and --port", "");
+        return Usage("--tls goes with --host and --port, or --hosts", "");
+    }
+    if (!hosts && (options->parallel != 0 || options->deadline != 0)) {
+        return Usage("--parallel and --deadline go with --hosts", "");
+    }
+    if (hosts && (options->list || options->describe)) {
+        return Usage("--hosts sends one call: --list and --describe ask one server", "");
+    }
+    if (hosts && options->hostsFile == "-" && options->inputFile == "-") {
+        return Usage("--hosts - and --input - cannot both read standard input", "");
     }
     std::string error;
     if (!teza_tools::ResolveCredentials(
@@ -389,7 +439,7 @@ int ReportFailure(const Options& options, const std::string& what, rk_elem_t* re
     fprintf(stderr, "teza-call: %s failed: error %d: %s\n", what.c_str(), errnum, decoded.c_str());
     if (options.json) {
         json failure = {{"status", "failed"}, {"errno", errnum}, {"reason", decoded}};
-        printf("%s\n", failure.dump(2).c_str());
+        printf("%s\n", Dump(failure).c_str());
     }
     return StatusOf(errnum);
 }
@@ -398,7 +448,7 @@ int LocalError(const Options& options, const std::string& message) {
     fprintf(stderr, "teza-call: %s\n", message.c_str());
     if (options.json) {
         json failure = {{"status", "failed"}, {"errno", 0}, {"reason", message}};
-        printf("%s\n", failure.dump(2).c_str());
+        printf("%s\n", Dump(failure).c_str());
     }
     return kLocalError;
 }
@@ -478,7 +528,7 @@ int List(const Options& options, rk_server_t* server) {
         rows.push_back(row);
     }
     if (options.json) {
-        printf("%s\n", json({{"status", "passed"}, {"apis", apis}}).dump(2).c_str());
+        printf("%s\n", Dump(json({{"status", "passed"}, {"apis", apis}})).c_str());
         return kPassed;
     }
     for (const Row& row : rows) {
@@ -517,6 +567,130 @@ int FetchDescription(const Options& options, rk_server_t* server,
     return -1;
 }
 
+// Reads the JSON object of --input, when there is one. False with the message.
+bool ReadInput(const Options& options, std::optional<json>* input, std::string* error) {
+    if (options.inputFile.empty()) {
+        return true;
+    }
+    std::string text;
+    if (options.inputFile == "-") {
+        text.assign(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
+    } else {
+        std::ifstream in(options.inputFile, std::ios::binary);
+        if (!in) {
+            *error = "cannot read " + options.inputFile;
+            return false;
+        }
+        text.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    }
+    *input = json::parse(text, nullptr, false);
+    if ((*input)->is_discarded() || !(*input)->is_object()) {
+        *error = options.inputFile + " is not a JSON object";
+        return false;
+    }
+    return true;
+}
+
+// Adds the --input object and then the arguments to `request`, checked by `description` when
+// there is one. False with the message. Safe to call from several threads at once.
+bool BuildRequest(const Options& options, const std::optional<json>& input,
+                  const teza_call::ApiDescription* description, rk_elem_t* request,
+                  std::string* error) {
+    if (input) {
+        const bool added = description != nullptr
+                               ? description->AddJson(*input, request, error)
+                               : teza_call::AddUntypedJson(*input, request, "", error);
+        if (!added) {
+            *error = "--input " + options.inputFile + ": " + *error;
+            return false;
+        }
+    }
+    for (const Argument& given : options.arguments) {
+        Argument argument = given;
+        if (description != nullptr) {
+            bool encrypt = false;
+            if (!description->CheckArgument(argument.name, argument.value, &encrypt, error)) {
+                return false;
+            }
+            argument.encrypted = argument.encrypted || encrypt;
+        }
+        if (!AddArgument(request, argument, error)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// --hosts: reads the list and the input, sets the TLS files for every handle, then calls
+// every host. Returns the exit status.
+int CallHosts(const Options& options) {
+    std::vector<teza_call::HostEntry> hosts;
+    std::string error;
+    bool read = false;
+    if (options.hostsFile == "-") {
+        read = teza_call::ReadHosts(std::cin, "standard input", options.port, &hosts, &error);
+    } else {
+        std::ifstream in(options.hostsFile);
+        if (!in) {
+            fprintf(stderr, "teza-call: cannot read %s: %s\n", options.hostsFile.c_str(),
+                    strerror(errno));
+            return kLocalError;
+        }
+        read = teza_call::ReadHosts(in, options.hostsFile, options.port, &hosts, &error);
+    }
+    if (!read) {
+        fprintf(stderr, "teza-call: %s\n", error.c_str());
+        return kLocalError;
+    }
+    std::optional<json> input;
+    if (!ReadInput(options, &input, &error)) {
+        fprintf(stderr, "teza-call: %s\n", error.c_str());
+        return kLocalError;
+    }
+    ElemPtr probe(rk_elem_new(options.api.c_str()));
+    if (probe == nullptr) {
+        fprintf(stderr, "teza-call: \"%s\" is not an API name\n", options.api.c_str());
+        return kLocalError;
+    }
+    // The runtime opens the handles itself: the TLS files are set for every handle opened.
+    const teza_tools::Credentials& credentials = options.credentials;
+    if (!options.caFile.empty() && rk_set_default_ca_file(options.caFile.c_str()) == 0) {
+        fprintf(stderr, "teza-call: cannot read the CA file %s: %s\n", options.caFile.c_str(),
+                strerror(errno));
+        return kLocalError;
+    }
+    if (!credentials.certFile.empty() &&
+        rk_set_default_client_cert(
+            credentials.certFile.c_str(),
+            credentials.keyFile.empty() ? nullptr : credentials.keyFile.c_str(),
+            credentials.hasKeyPassphrase ? credentials.keyPassphrase.c_str() : nullptr) == 0) {
+        fprintf(stderr, "teza-call: cannot use the client certificate %s\n",
+                credentials.certFile.c_str());
+        return kLocalError;
+    }
+    teza_call::HostsCall call;
+    call.api = options.api;
+    call.major = options.major;
+    call.minor = options.minor;
+    call.style = credentials.style;
+    call.serverType = options.type;
+    call.tls = options.tls;
+    if (credentials.style == RK_STYLE_LOGIN_PASSWORD || credentials.style == RK_STYLE_TOKEN) {
+        call.login = credentials.login;
+        call.password = credentials.password;
+    }
+    call.timeout = options.timeout;
+    call.parallel = options.parallel != 0 ? static_cast<size_t>(options.parallel) : 32;
+    call.deadline = options.deadline;
+    call.checked = !options.unchecked;
+    call.json = options.json;
+    call.build = [&options, &input](const teza_call::ApiDescription* description,
+                                    rk_elem_t* request, std::string* message) {
+        return BuildRequest(options, input, description, request, message);
+    };
+    return teza_call::CallHosts(hosts, call, stdout);
+}
+
 int Call(const Options& options, rk_server_t* server) {
     if (options.list) {
         return List(options, server);
@@ -538,40 +712,11 @@ int Call(const Options& options, rk_server_t* server) {
         return LocalError(options, "\"" + options.api + "\" is not an API name");
     }
     std::string error;
-    if (!options.inputFile.empty()) {
-        std::string text;
-        if (options.inputFile == "-") {
-            text.assign(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
-        } else {
-            std::ifstream in(options.inputFile, std::ios::binary);
-            if (!in) {
-                return LocalError(options, "cannot read " + options.inputFile);
-            }
-            text.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-        }
-        const json input = json::parse(text, nullptr, false);
-        if (input.is_discarded() || !input.is_object()) {
-            return LocalError(options, options.inputFile + " is not a JSON object");
-        }
-        const bool added = description
-                               ? description->AddJson(input, request.get(), &error)
-                               : teza_call::AddUntypedJson(input, request.get(), "", &error);
-        if (!added) {
-            return LocalError(options, "--input " + options.inputFile + ": " + error);
-        }
-    }
-    for (const Argument& given : options.arguments) {
-        Argument argument = given;
-        if (description) {
-            bool encrypt = false;
-            if (!description->CheckArgument(argument.name, argument.value, &encrypt, &error)) {
-                return LocalError(options, error);
-            }
-            argument.encrypted = argument.encrypted || encrypt;
-        }
-        if (!AddArgument(request.get(), argument, &error)) {
-            return LocalError(options, error);
-        }
+    std::optional<json> input;
+    if (!ReadInput(options, &input, &error) ||
+        !BuildRequest(options, input, description ? &*description : nullptr, request.get(),
+                      &error)) {
+        return LocalError(options, error);
     }
 
     ElemPtr result(rk_server_invoke_elem(server, request.get()));
@@ -581,7 +726,7 @@ int Call(const Options& options, rk_server_t* server) {
     if (options.json) {
         json output = description ? description->ResultJson(result.get(), stderr)
                                   : teza_call::UntypedJson(result.get());
-        printf("%s\n", json({{"status", "passed"}, {"result", output}}).dump(2).c_str());
+        printf("%s\n", Dump(json({{"status", "passed"}, {"result", output}})).c_str());
         return kPassed;
     }
     char* text = rk_elem_sprintf(result.get());
@@ -637,9 +782,13 @@ int main(int argc, char** argv) {
             service.Install(core.get());
             inProcess.reset(new tezad::InProcessServer(kInProcessName, core.get()));
         }
-        rk_server_t* server = Open(options);
-        status = Call(options, server);
-        rk_server_close(server);
+        if (!options.hostsFile.empty()) {
+            status = CallHosts(options);
+        } else {
+            rk_server_t* server = Open(options);
+            status = Call(options, server);
+            rk_server_close(server);
+        }
     }
     rk_shutdown();
     return status;
