@@ -115,10 +115,11 @@ void ToWireForm(rk_elem* root) {
         return;
     }
     // Texts without a special character read the same escaped: they only change their mark.
-    auto convert = [](const char** text, bool* owned) {
+    auto convert = [](rk_elem* elem, const char** text, bool* owned) {
         if (strpbrk(*text, "&<>\"'") == nullptr) {
             return;
         }
+        Touch(elem);
         std::string escaped;
         AppendEscaped(*text, &escaped);
         char* copy = static_cast<char*>(malloc(escaped.size() + 1));
@@ -138,14 +139,14 @@ void ToWireForm(rk_elem* root) {
         pending.pop_back();
         if (!elem->contentMarkup) {
             bool owned = elem->ownsContent != 0;
-            convert(&elem->content, &owned);
+            convert(elem, &elem->content, &owned);
             elem->ownsContent = owned ? 1 : 0;
             elem->contentMarkup = 1;
         }
         for (uint32_t i = 0; i < elem->attrCount; ++i) {
             RkAttribute& attr = elem->attributes[i];
             if (!attr.markup) {
-                convert(&attr.value, &attr.ownsValue);
+                convert(elem, &attr.value, &attr.ownsValue);
                 attr.markup = true;
             }
         }
