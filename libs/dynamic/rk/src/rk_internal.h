@@ -242,6 +242,11 @@ rk_elem* ParseXml(const char* text, size_t len, const ParseLimits& limits, Parse
 // character and `*why` says what is wrong with it.
 bool IsXmlText(const char* text, size_t len, size_t* offset, const char** why);
 
+// WriteXml of a request, checking as it writes what CheckRequestText checks: false, with `out`
+// as it was, when a name, text or attribute value is not valid UTF-8 of XML characters
+// (CheckRequestText then says which and why).
+bool WriteRequestXml(const rk_elem* request, std::string* out);
+
 // Whether a request can be written as well-formed XML 1.0 in UTF-8: every name, text and
 // attribute value valid UTF-8 of XML characters. When not, `reason` names the element at
 // fault and what is wrong.
