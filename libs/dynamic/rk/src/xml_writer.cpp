@@ -44,7 +44,10 @@ constexpr EscapeTable kEscapes;
 // were.
 class Writer {
   public:
-    Writer(std::string* out, bool check) : _out(out), _used(out->size()), _check(check) {}
+    Writer(std::string* out, bool check) : _out(out), _used(out->size()), _check(check) {
+        // A buffer kept between calls is written into as far as it reaches without growing.
+        _out->resize(_out->capacity());
+    }
     ~Writer() { _out->resize(_used); }
     Writer(const Writer&) = delete;
     Writer& operator=(const Writer&) = delete;
@@ -75,18 +78,41 @@ class Writer {
     void Escaped(const char* text) {
         const size_t len = strlen(text);
         Check(text, len);
-        char* w = Room(6 * len);
-        for (size_t i = 0; i < len; ++i) {
-            const unsigned char c = static_cast<unsigned char>(text[i]);
-            const size_t n = kEscapes.length[c];
-            if (n == 0) {
-                *w++ = static_cast<char>(c);
+        char* const start = Room(6 * len);
+        _used += static_cast<size_t>(EscapeInto(start, text, len) - start);
+    }
+    // A leaf element without attributes, most of any tree: its line in one reservation.
+    void Leaf(size_t depth, const rk_elem* elem) {
+        const size_t nameLen = strlen(elem->name);
+        const size_t textLen = strlen(elem->content);
+        Check(elem->name, nameLen);
+        Check(elem->content, textLen);
+        char* const start = Room(2 * depth + 2 * nameLen + 6 * textLen + 6);
+        char* w = start;
+        memset(w, ' ', 2 * depth);
+        w += 2 * depth;
+        *w++ = '<';
+        memcpy(w, elem->name, nameLen);
+        w += nameLen;
+        if (textLen == 0) {
+            memcpy(w, "/>\n", 3);
+            w += 3;
+        } else {
+            *w++ = '>';
+            if (elem->contentMarkup) {
+                memcpy(w, elem->content, textLen);
+                w += textLen;
             } else {
-                memcpy(w, kEscapes.entity[c], n);
-                w += n;
+                w = EscapeInto(w, elem->content, textLen);
             }
+            *w++ = '<';
+            *w++ = '/';
+            memcpy(w, elem->name, nameLen);
+            w += nameLen;
+            *w++ = '>';
+            *w++ = '\n';
         }
-        _used = static_cast<size_t>(w - &(*_out)[0]);
+        _used += static_cast<size_t>(w - start);
     }
     // A parsed attribute value: it may hold a double quote if its source used single quotes.
     void QuotedMarkup(const char* text) {
@@ -105,6 +131,19 @@ class Writer {
     }
 
   private:
+    static char* EscapeInto(char* w, const char* text, size_t len) {
+        for (size_t i = 0; i < len; ++i) {
+            const unsigned char c = static_cast<unsigned char>(text[i]);
+            const size_t n = kEscapes.length[c];
+            if (n == 0) {
+                *w++ = static_cast<char>(c);
+            } else {
+                memcpy(w, kEscapes.entity[c], n);
+                w += n;
+            }
+        }
+        return w;
+    }
     char* Room(size_t n) {
         if (_out->size() - _used < n) {
             _out->resize(std::max(2 * _out->size(), _used + n + 256));
@@ -196,6 +235,10 @@ bool Write(const rk_elem* root, bool check, std::string* out) {
     while (!pending.empty()) {
         const Step step = pending.pop();
         const rk_elem* elem = step.elem;
+        if (!step.close && elem->childCount == 0 && elem->attrCount == 0) {
+            writer.Leaf(step.depth, elem);
+            continue;
+        }
         writer.Indent(step.depth);
         if (step.close) {
             writer.Put("</", 2);
