@@ -444,4 +444,90 @@ TEST(ParseStrict, PiecesThatMeetAsTheEndOfACdataSectionAreEscaped) {
     EXPECT_STREQ(rk::ChildGetString(tree.get(), "d"), "]]&gt;");
 }
 
+TEST(ParseStrict, BadCharactersAreFoundAtEveryOffsetOfAnIndentedDocument) {
+    // Lines of every length, indented, so that the characters are checked in runs of many
+    // lengths and alignments.
+    std::string text = "<r>\n";
+    for (int line = 0; line < 12; ++line) {
+        text += std::string(2 + line % 5, ' ') + "<a>" + std::string(line * 3, 'x') + "</a>\n";
+    }
+    text += "</r>\n";
+    ASSERT_EQ(Refusal(text), "(parsed)");
+    for (size_t offset = 0; offset < text.size(); ++offset) {
+        std::string bad = text;
+        bad[offset] = '\x01';
+        ASSERT_EQ(Refusal(bad), "a control character at offset " + std::to_string(offset));
+        bad[offset] = '\x80';
+        ASSERT_EQ(Refusal(bad), "invalid UTF-8 at offset " + std::to_string(offset));
+        bad[offset] = '\0';
+        ASSERT_EQ(Refusal(bad), "a NUL byte at offset " + std::to_string(offset));
+    }
+}
+
+TEST(ParseStrict, WhiteSpaceOfAnyLengthBetweenElementsIsDropped) {
+    for (size_t n = 0; n < 40; ++n) {
+        for (const char* unit : {" ", "\t", "\r\n", "\n "}) {
+            std::string space;
+            for (size_t i = 0; i < n; ++i) {
+                space += unit;
+            }
+            rk::ParseError error;
+            ElemPtr tree(
+                Parse("<r>" + space + "<a>" + space + "x" + space + "</a>" + space + "</r>",
+                      rk::ParseLimits::ForSize(1 << 20), &error));
+            ASSERT_NE(tree, nullptr) << error.reason;
+            EXPECT_STREQ(tree->content, "") << n;
+            ASSERT_EQ(tree->childCount, 1u);
+            EXPECT_EQ(std::string(tree->children[0]->content), space + "x" + space) << n;
+            // White space that is all an element holds is its text.
+            ElemPtr only(Parse("<r>" + space + "</r>", rk::ParseLimits::ForSize(1 << 20), &error));
+            ASSERT_NE(only, nullptr) << error.reason;
+            EXPECT_EQ(std::string(only->content), space) << n;
+        }
+    }
+}
+
+TEST(ParseStrict, RepeatedNamesKeepTheirOwnSpelling) {
+    // Names that share their length and their first, middle and last bytes, and names too
+    // long to be shared, each come back as written, wherever they repeat.
+    const std::vector<std::string> names = {"abcde",
+                                            "abXde",
+                                            "abcYe",
+                                            "aZcde",
+                                            "name",
+                                            "node",
+                                            "nome",
+                                            std::string(64, 'n'),
+                                            std::string(65, 'n'),
+                                            std::string(63, 'n') + "x" + std::string(63, 'n'),
+                                            std::string(63, 'n') + "y" + std::string(63, 'n'),
+                                            "a",
+                                            "b",
+                                            "ab",
+                                            "ba"};
+    std::string text = "<r>";
+    std::vector<std::string> expected;
+    for (int round = 0; round < 3; ++round) {
+        for (size_t i = 0; i < names.size(); ++i) {
+            const std::string& name = names[(i * (round + 1)) % names.size()];
+            text += "<" + name + "><" + name + "/></" + name + ">";
+            expected.push_back(name);
+        }
+    }
+    text += "</r>";
+    rk::ParseError error;
+    ElemPtr tree(Parse(text, rk::ParseLimits::ForSize(1 << 20), &error));
+    ASSERT_NE(tree, nullptr) << error.reason;
+    ASSERT_EQ(tree->childCount, expected.size());
+    for (size_t i = 0; i < expected.size(); ++i) {
+        EXPECT_EQ(tree->children[i]->name, expected[i]) << i;
+        ASSERT_EQ(tree->children[i]->childCount, 1u);
+        EXPECT_EQ(tree->children[i]->children[0]->name, expected[i]) << i;
+    }
+    // An end tag that only begins or only ends like the open element's name does not close it.
+    EXPECT_EQ(Refusal("<abc></abcd>"), "end tag </abcd> does not match <abc> at offset 5");
+    EXPECT_EQ(Refusal("<abcd></abc>"), "end tag </abc> does not match <abcd> at offset 6");
+    EXPECT_EQ(Refusal("<abc></abc"), "malformed end tag at offset 5");
+}
+
 }  // namespace

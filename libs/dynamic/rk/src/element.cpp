@@ -22,6 +22,8 @@
 
 namespace rk {
 
+const char kEmptyText[] = "";
+
 namespace {
 
 const char kResultsName[] = "results";
@@ -42,8 +44,6 @@ bool IsNameStart(unsigned char c) {
 bool IsNameChar(unsigned char c) {
     return IsNameStart(c) || (c >= '0' && c <= '9') || c == '-' || c == '.';
 }
-
-const char kEmpty[] = "";
 
 bool IsAncestorOrSelf(const rk_elem* candidate, const rk_elem* elem) {
     // An element without children is nobody's ancestor: attaching a new leaf costs nothing.
@@ -69,8 +69,8 @@ char* Duplicate(const char* text) {
 }
 
 void InitElement(rk_elem* elem) {
-    elem->name = kEmpty;
-    elem->content = kEmpty;
+    elem->name = kEmptyText;
+    elem->content = kEmptyText;
     elem->parent = nullptr;
     elem->children = nullptr;
     elem->attributes = nullptr;
@@ -82,6 +82,29 @@ void InitElement(rk_elem* elem) {
     elem->contentMarkup = 0;
     elem->ownsChildren = 0;
     elem->ownsAttributes = 0;
+}
+
+// A new element in one allocation that holds its name and, when `text` is not null, its text
+// after it; neither is owned apart from the element.
+rk_elem* NewOwnElement(const char* name, size_t nameLen, const char* text, size_t textLen) {
+    const size_t textBytes = text == nullptr ? 0 : textLen + 1;
+    char* memory = static_cast<char*>(malloc(sizeof(rk_elem) + nameLen + 1 + textBytes));
+    if (memory == nullptr) {
+        throw std::bad_alloc();
+    }
+    rk_elem* elem = reinterpret_cast<rk_elem*>(memory);
+    InitElement(elem);
+    char* copy = memory + sizeof(rk_elem);
+    memcpy(copy, name, nameLen);
+    copy[nameLen] = '\0';
+    elem->name = copy;
+    if (text != nullptr) {
+        copy += nameLen + 1;
+        memcpy(copy, text, textLen);
+        copy[textLen] = '\0';
+        elem->content = copy;
+    }
+    return elem;
 }
 
 // The capacity of an array of `count` items that the element owns: it grows by doubling,
@@ -139,6 +162,7 @@ void ReleaseStorage(rk_elem* elem) {
 }
 
 void SetContent(rk_elem* elem, const char* text, bool markup) {
+    Touch(elem);
     char* copy = Duplicate(text);
     if (elem->ownsContent) {
         free(const_cast<char*>(elem->content));
@@ -149,6 +173,7 @@ void SetContent(rk_elem* elem, const char* text, bool markup) {
 }
 
 bool SetAttr(rk_elem* elem, const char* name, const char* value, bool markup) {
+    Touch(elem);
     for (uint32_t i = 0; i < elem->attrCount; ++i) {
         RkAttribute& attr = elem->attributes[i];
         if (strcmp(attr.name, name) == 0) {
@@ -223,51 +248,36 @@ bool IsValidName(const char* name) {
 }
 
 Arena* Arena::Create(size_t firstBlock) {
-    Arena* arena = new Arena;
-    arena->_nextBlock = std::max<size_t>(firstBlock, 256);
+    // The arena's own fields and its first block are one allocation: a small tree takes one.
+    const size_t header = (sizeof(Arena) + 7) & ~static_cast<size_t>(7);
+    const size_t size = std::max<size_t>(firstBlock, 256);
+    void* memory = malloc(header + size);
+    if (memory == nullptr) {
+        throw std::bad_alloc();
+    }
+    Arena* arena = new (memory) Arena;
+    arena->_cursor = static_cast<char*>(memory) + header;
+    arena->_left = size;
+    arena->_reserved = header + size;
+    arena->_nextBlock = std::min<size_t>(2 * size, 4u << 20);
     return arena;
 }
 
-void* Arena::Allocate(size_t bytes) {
-    bytes = (bytes + 7) & ~static_cast<size_t>(7);
-    if (bytes > _left) {
-        // A block holds at least what is asked; blocks double up to 4 MiB, so that a large
-        // tree takes few of them and a small one wastes little.
-        size_t size = std::max(_nextBlock, bytes);
-        void* memory = malloc(sizeof(Block) + 8 + size);
-        if (memory == nullptr) {
-            throw std::bad_alloc();
-        }
-        Block* block = static_cast<Block*>(memory);
-        block->next = _blocks;
-        _blocks = block;
-        _cursor = static_cast<char*>(memory) + ((sizeof(Block) + 7) & ~static_cast<size_t>(7));
-        _left = size;
-        _reserved += sizeof(Block) + 8 + size;
-        _nextBlock = std::min<size_t>(2 * _nextBlock, 4u << 20);
+void Arena::AddBlock(size_t bytes) {
+    // A block holds at least what is asked; blocks double up to 4 MiB, so that a large tree
+    // takes few of them and a small one wastes little.
+    size_t size = std::max(_nextBlock, bytes);
+    void* memory = malloc(sizeof(Block) + 8 + size);
+    if (memory == nullptr) {
+        throw std::bad_alloc();
     }
-    void* p = _cursor;
-    _cursor += bytes;
-    _left -= bytes;
-    return p;
-}
-
-char* Arena::CopyString(const char* text, size_t len) {
-    if (len == 0) {
-        return const_cast<char*>(kEmpty);
-    }
-    char* copy = static_cast<char*>(Allocate(len + 1));
-    memcpy(copy, text, len);
-    copy[len] = '\0';
-    return copy;
-}
-
-rk_elem* Arena::NewElement() {
-    rk_elem* elem = static_cast<rk_elem*>(Allocate(sizeof(rk_elem)));
-    InitElement(elem);
-    elem->arena = this;
-    _live.fetch_add(1, std::memory_order_relaxed);
-    return elem;
+    Block* block = static_cast<Block*>(memory);
+    block->next = _blocks;
+    _blocks = block;
+    _cursor = static_cast<char*>(memory) + ((sizeof(Block) + 7) & ~static_cast<size_t>(7));
+    _left = size;
+    _reserved += sizeof(Block) + 8 + size;
+    _nextBlock = std::min<size_t>(2 * _nextBlock, 4u << 20);
 }
 
 void Arena::Release(size_t count) {
@@ -282,23 +292,15 @@ void Arena::Destroy() {
         free(block);
         block = next;
     }
-    delete this;
+    this->~Arena();
+    free(this);
 }
 
 rk_elem* ElemNew(const char* name) {
     if (!IsValidName(name)) {
         return nullptr;
     }
-    rk_elem* elem = new rk_elem;
-    InitElement(elem);
-    try {
-        elem->name = Duplicate(name);
-    } catch (...) {
-        delete elem;
-        throw;
-    }
-    elem->ownsName = 1;
-    return elem;
+    return NewOwnElement(name, strlen(name), nullptr, 0);
 }
 
 void ElemFree(rk_elem* elem) {
@@ -310,19 +312,28 @@ void ElemFree(rk_elem* elem) {
     if (elem->parent != nullptr) {
         ChildRemove(elem->parent, elem);
     }
-    // Iterative, so that a tree of any depth is freed without deep recursion.
+    if (elem->arena != nullptr && elem->arena->IsIntactRoot(elem)) {
+        elem->arena->Destroy();
+        return;
+    }
+    // Depth first without a stack, so that a tree of any depth is freed without deep
+    // recursion or an allocation: each element gives up its children from the last, and an
+    // element without children left is freed and the walk goes back to its parent.
     ArenaReleaser releaser;
-    std::vector<rk_elem*> pending{elem};
-    while (!pending.empty()) {
-        rk_elem* e = pending.back();
-        pending.pop_back();
-        pending.insert(pending.end(), e->children, e->children + e->childCount);
+    rk_elem* e = elem;
+    while (e != nullptr) {
+        if (e->childCount > 0) {
+            e = e->children[--e->childCount];
+            continue;
+        }
+        rk_elem* parent = e == elem ? nullptr : e->parent;
         ReleaseStorage(e);
         if (e->arena != nullptr) {
             releaser.Add(e->arena);
         } else {
-            delete e;
+            free(e);
         }
+        e = parent;
     }
 }
 
@@ -373,6 +384,7 @@ rk_elem* ElemCopy(const rk_elem* elem) {
         arena->Destroy();
         throw;
     }
+    arena->SetRoot(root);
     return root;
 }
 
@@ -418,6 +430,8 @@ rk_elem* ChildAdd(rk_elem* parent, rk_elem* child) {
         IsAncestorOrSelf(child, parent) || parent->childCount == UINT32_MAX) {
         return nullptr;
     }
+    Touch(parent);
+    Touch(child);
     parent->children = GrowArray(parent->children, parent->childCount, parent->ownsChildren != 0);
     parent->ownsChildren = 1;
     parent->children[parent->childCount++] = child;
@@ -434,6 +448,8 @@ rk_elem* ChildRemove(rk_elem* parent, rk_elem* child) {
     if (it == end) {
         return nullptr;
     }
+    Touch(parent);
+    Touch(child);
     std::copy(it + 1, end, it);
     --parent->childCount;
     child->parent = nullptr;
@@ -462,14 +478,11 @@ rk_elem* AddFilledChild(rk_elem* parent, rk_elem* child, Fill fill) {
 }  // namespace
 
 rk_elem* ChildAddString(rk_elem* parent, const char* name, const char* value) {
-    if (parent == nullptr || value == nullptr) {
+    if (parent == nullptr || value == nullptr || !IsValidName(name)) {
         return nullptr;
     }
-    rk_elem* child = ElemNew(name);
-    if (child == nullptr) {
-        return nullptr;
-    }
-    return AddFilledChild(parent, child, [value](rk_elem* e) { SetContent(e, value, false); });
+    rk_elem* child = NewOwnElement(name, strlen(name), value, strlen(value));
+    return AddFilledChild(parent, child, [](rk_elem*) {});
 }
 
 rk_elem* ChildAddStringEncrypted(rk_elem* parent, const char* name, const char* value,

@@ -7,6 +7,7 @@
 
 #include <stddef.h>
 #include <stdint.h>
+#include <string.h>
 
 #include <atomic>
 #include <chrono>
@@ -21,22 +22,44 @@ namespace rk {
 // few large blocks. It counts the elements allocated from it that are still alive and frees
 // itself with the last of them, so an element detached from its tree, or moved into another,
 // keeps its storage for as long as it lives.
+//
+// While its tree is as it was made (no element changed, detached or given a child), freeing
+// the root frees the arena at once, without visiting the elements: SetRoot names that root,
+// and Touch, called before any change to one of its elements, forgets it.
 class Arena {
   public:
-    // A new arena whose first block holds `firstBlock` bytes. Throws std::bad_alloc.
+    // A new arena whose first block, allocated with it, holds `firstBlock` bytes. Throws
+    // std::bad_alloc.
     static Arena* Create(size_t firstBlock);
     // `bytes` bytes aligned for any element or pointer. Throws std::bad_alloc.
-    void* Allocate(size_t bytes);
+    void* Allocate(size_t bytes) {
+        bytes = (bytes + 7) & ~static_cast<size_t>(7);
+        if (bytes > _left) {
+            AddBlock(bytes);
+        }
+        void* p = _cursor;
+        _cursor += bytes;
+        _left -= bytes;
+        return p;
+    }
     // A NUL-terminated copy of `len` bytes of `text`.
-    char* CopyString(const char* text, size_t len);
+    inline char* CopyString(const char* text, size_t len);
     // A new element with an empty name and text, counted as alive.
-    rk_elem* NewElement();
+    inline rk_elem* NewElement();
     // Bytes taken from the system so far.
     size_t BytesReserved() const { return _reserved; }
     // `count` of this arena's elements were freed; frees the arena after its last one.
     void Release(size_t count);
-    // Frees the arena and all it holds at once (a tree that was never handed out).
+    // Frees the arena and all it holds at once (a tree that was never handed out, or the
+    // intact tree of IsIntactRoot).
     void Destroy();
+    // `root` is the root of a tree holding every element of the arena, none with storage of
+    // its own.
+    void SetRoot(const rk_elem* root) { _root = root; }
+    // One of the arena's elements is about to change.
+    void Touch() { _root = nullptr; }
+    // Whether `elem` is the root of SetRoot and its tree has not changed since.
+    bool IsIntactRoot(const rk_elem* elem) const { return elem == _root; }
 
   private:
     struct Block {
@@ -44,7 +67,10 @@ class Arena {
     };
     Arena() = default;
     ~Arena() = default;
+    // Starts a new block that holds at least `bytes` bytes.
+    void AddBlock(size_t bytes);
     std::atomic<size_t> _live{0};
+    const rk_elem* _root = nullptr;
     Block* _blocks = nullptr;
     char* _cursor = nullptr;
     size_t _left = 0;
@@ -67,8 +93,9 @@ struct RkAttribute {
 // One element of a tree, kept small: a parsed tree pays no heap allocation per element, name
 // or text. Its elements, their child and attribute arrays and their strings come from one
 // arena (rk::Arena) that lives as long as any of its elements, wherever they were moved.
-// Whatever the interface changes afterwards (a text, an attribute, a child added) gets storage
-// of its own, which the element owns (the `owns*` flags) and frees.
+// An element made through the interface is one allocation holding its name and first text
+// after it. Whatever the interface changes afterwards (a text, an attribute, a child added)
+// gets storage of its own, which the element owns (the `owns*` flags) and frees.
 //
 // A parent owns its children; a root is owned by whoever made it.
 struct rk_elem {
@@ -88,6 +115,33 @@ struct rk_elem {
 };
 
 namespace rk {
+
+// The empty text that elements without one point to.
+extern const char kEmptyText[];
+
+inline char* Arena::CopyString(const char* text, size_t len) {
+    if (len == 0) {
+        return const_cast<char*>(kEmptyText);
+    }
+    char* copy = static_cast<char*>(Allocate(len + 1));
+    memcpy(copy, text, len);
+    copy[len] = '\0';
+    return copy;
+}
+
+inline rk_elem* Arena::NewElement() {
+    rk_elem* elem = static_cast<rk_elem*>(Allocate(sizeof(rk_elem)));
+    *elem = rk_elem{kEmptyText, kEmptyText, nullptr, nullptr, nullptr, this, 0, 0, 0, 0, 0, 0, 0};
+    _live.fetch_add(1, std::memory_order_relaxed);
+    return elem;
+}
+
+// Called before `elem` changes: its arena's tree is no longer as it was made.
+inline void Touch(rk_elem* elem) {
+    if (elem->arena != nullptr) {
+        elem->arena->Touch();
+    }
+}
 
 // Element names and attribute names follow XML's Name production (ASCII letters, digits, "_",
 // ":", "-", "." and any non-ASCII byte; not starting with a digit, "-" or ".").
@@ -187,6 +241,11 @@ rk_elem* ParseXml(const char* text, size_t len, const ParseLimits& limits, Parse
 // XML's Char production. On failure, `*offset` is the byte offset of the first bad
 // character and `*why` says what is wrong with it.
 bool IsXmlText(const char* text, size_t len, size_t* offset, const char** why);
+
+// WriteXml of a request, checking as it writes what CheckRequestText checks: false, with `out`
+// as it was, when a name, text or attribute value is not valid UTF-8 of XML characters
+// (CheckRequestText then says which and why).
+bool WriteRequestXml(const rk_elem* request, std::string* out);
 
 // Whether a request can be written as well-formed XML 1.0 in UTF-8: every name, text and
 // attribute value valid UTF-8 of XML characters. When not, `reason` names the element at

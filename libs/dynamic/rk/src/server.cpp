@@ -106,6 +106,15 @@ rk_elem* CheckSettings(const rk::ServerSettings& s) {
 // The largest request buffer that a handle keeps for its next call.
 const size_t kKeptRequestBytes = 64 * 1024;
 
+// Empties the handle's request buffer, keeping its memory unless a large request made it large.
+void ReleaseRequestText(std::string* body) {
+    if (body->capacity() > kKeptRequestBytes) {
+        std::string().swap(*body);
+    } else {
+        body->clear();
+    }
+}
+
 rk_elem* Invoke(rk_server* server, const rk_elem* request) {
     if (server == nullptr) {
         return rk::ResultsNewFailedWire("no server handle", RK_ERR_REQUEST);
@@ -118,13 +127,23 @@ rk_elem* Invoke(rk_server* server, const rk_elem* request) {
         return refused;
     }
     // What cannot be written as well-formed XML 1.0 in UTF-8 is never sent, on any transport:
-    // a strict server would refuse it, a lenient one read something else.
-    std::string unsendable;
-    if (!rk::CheckRequestText(request, &unsendable)) {
-        return rk::ResultsNewFailedWire(unsendable, RK_ERR_REQUEST);
-    }
+    // a strict server would refuse it, a lenient one read something else. A request for the
+    // network is checked as it is written.
     if (s.transport == RK_TRANSPORT_IN_PROCESS) {
+        std::string unsendable;
+        if (!rk::CheckRequestText(request, &unsendable)) {
+            return rk::ResultsNewFailedWire(unsendable, RK_ERR_REQUEST);
+        }
         return rk::InProcessCall(s, request);
+    }
+    // The handle's request buffer keeps its memory from call to call.
+    std::string& body = server->requestText;
+    body.assign("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n");
+    if (!rk::WriteRequestXml(request, &body)) {
+        ReleaseRequestText(&body);
+        std::string unsendable = "the request cannot be sent as XML";
+        rk::CheckRequestText(request, &unsendable);
+        return rk::ResultsNewFailedWire(unsendable, RK_ERR_REQUEST);
     }
     if (server->http == nullptr) {
         server->http = rk::HttpConnection::Create();
@@ -134,17 +153,8 @@ rk_elem* Invoke(rk_server* server, const rk_elem* request) {
                 RK_ERR_NOT_STARTED);
         }
     }
-    // The handle's request buffer keeps its memory from call to call, unless a large request
-    // made it large.
-    std::string& body = server->requestText;
-    body.assign("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n");
-    rk::WriteXml(request, &body);
     rk_elem* result = server->http->Call(s, body);
-    if (body.capacity() > kKeptRequestBytes) {
-        std::string().swap(body);
-    } else {
-        body.clear();
-    }
+    ReleaseRequestText(&body);
     return result;
 }
 

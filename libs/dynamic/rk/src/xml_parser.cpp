@@ -25,6 +25,9 @@
 // holds.
 
 #include <string.h>
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 #include <algorithm>
 #include <string>
@@ -43,7 +46,12 @@ enum : unsigned char {
     kNameStart = 1,
     kNameChar = 2,
     kSpace = 4,
+    kTextStop = 8,  // ends a run of plain text: "<", "&" and ">"
 };
+
+// The scanning loops below work on local pointers: a loop that advanced the parser's own
+// position through `this` would store and reload it at every byte, since the bytes it reads
+// could, for all the compiler knows, alias it.
 
 struct ByteTable {
     unsigned char cls[256] = {};
@@ -54,7 +62,8 @@ struct ByteTable {
             bool name = start || (c >= '0' && c <= '9') || c == '-' || c == '.';
             cls[c] = static_cast<unsigned char>(
                 (start ? kNameStart : 0) | (name ? kNameChar : 0) |
-                (c == ' ' || c == '\t' || c == '\n' || c == '\r' ? kSpace : 0));
+                (c == ' ' || c == '\t' || c == '\n' || c == '\r' ? kSpace : 0) |
+                (c == '<' || c == '&' || c == '>' ? kTextStop : 0));
         }
     }
 };
@@ -62,6 +71,39 @@ constexpr ByteTable kBytes;
 
 inline bool Is(char c, unsigned char cls) {
     return (kBytes.cls[static_cast<unsigned char>(c)] & cls) != 0;
+}
+
+inline uint64_t Load8(const void* p) {
+    uint64_t word;
+    memcpy(&word, p, 8);
+    return word;
+}
+
+// memcmp(a, b, n) == 0 for the short names of a document, without a call.
+inline bool SameBytes(const char* a, const char* b, size_t n) {
+    for (; n >= 8; a += 8, b += 8, n -= 8) {
+        if (Load8(a) != Load8(b)) {
+            return false;
+        }
+    }
+    // The last 0 to 7 bytes as two words of four, or of two, that may overlap.
+    uint32_t a4, b4, a4e, b4e;
+    uint16_t a2, b2, a2e, b2e;
+    if (n >= 4) {
+        memcpy(&a4, a, 4);
+        memcpy(&b4, b, 4);
+        memcpy(&a4e, a + n - 4, 4);
+        memcpy(&b4e, b + n - 4, 4);
+        return a4 == b4 && a4e == b4e;
+    }
+    if (n >= 2) {
+        memcpy(&a2, a, 2);
+        memcpy(&b2, b, 2);
+        memcpy(&a2e, a + n - 2, 2);
+        memcpy(&b2e, b + n - 2, 2);
+        return a2 == b2 && a2e == b2e;
+    }
+    return n == 0 || *a == *b;
 }
 
 bool IsXmlChar(uint32_t c) {
@@ -74,7 +116,29 @@ bool IsXmlChar(uint32_t c) {
 const unsigned char* FirstBadChar(const unsigned char* p, const unsigned char* end,
                                   const char** why) {
     while (p < end) {
-        // Printable ASCII, the bulk of any document, in a tight loop.
+        // Printable ASCII, the bulk of any document, eight bytes at a time: a word passes when
+        // no byte has its high bit set and none is below 0x20 (subtracting 0x20 from such a
+        // byte borrows into its high bit; bytes of 0x20 to 0x7F never borrow).
+#if defined(__SSE2__)
+        // Sixteen at a time where SSE2 is at hand: as signed bytes, both those below 0x20 and
+        // those of 0x80 and above are less than 0x20; line feeds among them pass.
+        while (end - p >= 16) {
+            const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+            const int outside = _mm_movemask_epi8(_mm_cmplt_epi8(v, _mm_set1_epi8(0x20)));
+            if (outside != 0 &&
+                (outside & ~_mm_movemask_epi8(_mm_cmpeq_epi8(v, _mm_set1_epi8('\n')))) != 0) {
+                break;
+            }
+            p += 16;
+        }
+#endif
+        while (end - p >= 8) {
+            const uint64_t word = Load8(p);
+            if (((word | (word - 0x2020202020202020u)) & 0x8080808080808080u) != 0) {
+                break;
+            }
+            p += 8;
+        }
         while (p < end && *p >= 0x20 && *p < 0x80) {
             ++p;
         }
@@ -142,17 +206,118 @@ struct OpenElement {
     size_t nameLen;
     size_t firstChild;  // its children so far are children[firstChild..] of the parser
     // Its text: one piece in the document, or several joined (or a CDATA section escaped).
-    const char* piece = nullptr;
-    size_t pieceLen = 0;
-    bool joined = false;
+    const char* piece;
+    size_t pieceLen;
+    bool joined;
+    bool holdsNodes;  // a child element, or text that is kept
     std::string text;
-    bool holdsNodes = false;  // a child element, or text that is kept
+};
+
+// The elements open at the parser's position, innermost last. Entries are reused rather than
+// popped, so that an element costs no construction of its joined text's string.
+class OpenStack {
+  public:
+    bool empty() const { return _depth == 0; }
+    size_t size() const { return _depth; }
+    OpenElement& back() { return _entries[_depth - 1]; }
+    OpenElement& push() {
+        if (_depth == _entries.size()) {
+            _entries.emplace_back();
+        }
+        OpenElement& open = _entries[_depth++];
+        open.piece = nullptr;
+        open.pieceLen = 0;
+        open.joined = false;
+        open.holdsNodes = false;
+        open.text.clear();
+        return open;
+    }
+    void pop() { --_depth; }
+    // Empties the stack; gives its memory back when a large document made it large.
+    void Reset() {
+        _depth = 0;
+        if (_entries.size() > 64) {
+            std::vector<OpenElement>().swap(_entries);
+            return;
+        }
+        for (OpenElement& open : _entries) {
+            if (open.text.capacity() > 4096) {
+                std::string().swap(open.text);
+            }
+        }
+    }
+
+  private:
+    std::vector<OpenElement> _entries;
+    size_t _depth = 0;
+};
+
+// The working storage of a parse. Each thread keeps one between parses, so that parsing a
+// small document allocates nothing but its tree's arena.
+struct Scratch {
+    OpenStack open;
+    std::vector<rk_elem*> children;
+    std::vector<RawAttribute> attrs;
+    std::vector<size_t> order;
+    bool busy = false;
+
+    void Reset() {
+        open.Reset();
+        children.clear();
+        attrs.clear();
+        order.clear();
+        if (children.capacity() > 4096) {
+            std::vector<rk_elem*>().swap(children);
+        }
+        if (attrs.capacity() > 256) {
+            std::vector<RawAttribute>().swap(attrs);
+            std::vector<size_t>().swap(order);
+        }
+    }
+};
+
+// The names of a document repeat (every record of a list has the same fields): each distinct
+// name is copied into the arena once, and the elements that bear it share the copy. A small
+// table remembers the names copied last, by a hash of their length and three of their bytes.
+class NameTable {
+  public:
+    const char* Intern(Arena* arena, const char* name, size_t len) {
+        if (len > kLongest) {
+            return arena->CopyString(name, len);
+        }
+        const unsigned char* u = reinterpret_cast<const unsigned char*>(name);
+        const size_t slot = (len * 31u + u[0] * 7u + u[len / 2] * 3u + u[len - 1]) & (kSlots - 1);
+        Entry& entry = _entries[slot];
+        if (entry.len != len || !SameBytes(entry.text, name, len)) {
+            entry.text = arena->CopyString(name, len);
+            entry.len = len;
+        }
+        return entry.text;
+    }
+
+  private:
+    static const size_t kLongest = 64;
+    static const size_t kSlots = 64;
+    struct Entry {
+        const char* text = nullptr;
+        size_t len = 0;
+    };
+    Entry _entries[kSlots];
 };
 
 class Parser {
   public:
-    Parser(const char* text, size_t len, const ParseLimits& limits, ParseError* error)
-        : _begin(text), _p(text), _end(text + len), _limits(limits), _error(error) {}
+    Parser(const char* text, size_t len, const ParseLimits& limits, ParseError* error,
+           Scratch* scratch)
+        : _begin(text),
+          _p(text),
+          _end(text + len),
+          _limits(limits),
+          _error(error),
+          _open(scratch->open),
+          _children(scratch->children),
+          _attrs(scratch->attrs),
+          _order(scratch->order) {}
 
     rk_elem* Parse();
 
@@ -182,21 +347,41 @@ class Parser {
         return static_cast<size_t>(_end - _p) >= len && memcmp(_p, literal, len) == 0;
     }
     void SkipSpace() {
-        while (_p < _end && Is(*_p, kSpace)) {
-            ++_p;
+        const char* p = _p;
+        const char* const end = _end;
+        // A line feed and the next line's indentation, eight spaces at a time.
+        if (p < end && *p == '\n') {
+            ++p;
         }
+        while (end - p >= 8) {
+            const uint64_t others = Load8(p) ^ 0x2020202020202020u;
+            if (others != 0) {
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+                p += __builtin_ctzll(others) / 8;  // the spaces before the first other byte
+#endif
+                break;
+            }
+            p += 8;
+        }
+        while (p < end && Is(*p, kSpace)) {
+            ++p;
+        }
+        _p = p;
     }
     // Reads a Name at _p; false (and nothing read) when there is none.
     bool ReadName(const char** name, size_t* len) {
-        if (_p == _end || !Is(*_p, kNameStart)) {
+        const char* p = _p;
+        const char* const end = _end;
+        if (p == end || !Is(*p, kNameStart)) {
             return false;
         }
-        const char* start = _p++;
-        while (_p < _end && Is(*_p, kNameChar)) {
-            ++_p;
+        const char* start = p++;
+        while (p < end && Is(*p, kNameChar)) {
+            ++p;
         }
+        _p = p;
         *name = start;
-        *len = static_cast<size_t>(_p - start);
+        *len = static_cast<size_t>(p - start);
         return true;
     }
 
@@ -224,7 +409,20 @@ class Parser {
     bool ReadCdata();
     bool AddPiece(OpenElement& open, const char* piece, size_t len);
     bool Close(rk_elem* elem);
-    bool CheckBudget();
+    // Checked at every start tag and every 65,536 attributes: the deadline (every 1,024th
+    // time) and the memory of the tree.
+    bool CheckBudget() {
+        if ((++_ticks & 0x3ff) == 0 && PastDeadline()) {
+            return Late();
+        }
+        if (_arena->BytesReserved() + _children.size() * sizeof(rk_elem*) +
+                _attrs.size() * sizeof(RawAttribute) >
+            _limits.maxTreeBytes) {
+            return TreeTooLarge();
+        }
+        return true;
+    }
+    bool TreeTooLarge();
 
     const char* const _begin;
     const char* _p;
@@ -236,10 +434,11 @@ class Parser {
     size_t _elements = 0;
     size_t _attributes = 0;
     unsigned _ticks = 0;
-    std::vector<OpenElement> _open;
-    std::vector<rk_elem*> _children;
-    std::vector<RawAttribute> _attrs;
-    std::vector<size_t> _order;
+    OpenStack& _open;
+    std::vector<rk_elem*>& _children;
+    std::vector<RawAttribute>& _attrs;
+    std::vector<size_t>& _order;
+    NameTable _names;
 };
 
 bool Parser::CheckChars() {
@@ -418,18 +617,10 @@ bool Parser::ReadMisc(bool* read) {
     return true;
 }
 
-bool Parser::CheckBudget() {
-    if ((++_ticks & 0x3ff) == 0 && PastDeadline()) {
-        return Late();
-    }
-    if (_arena->BytesReserved() + _children.capacity() * sizeof(rk_elem*) +
-            _attrs.capacity() * sizeof(RawAttribute) >
-        _limits.maxTreeBytes) {
-        return TooLarge(
-            "the document's tree would take more than " + std::to_string(_limits.maxTreeBytes) +
-            " bytes, the limit for a document of " + std::to_string(_limits.maxBytes) + " bytes");
-    }
-    return true;
+bool Parser::TreeTooLarge() {
+    return TooLarge("the document's tree would take more than " +
+                    std::to_string(_limits.maxTreeBytes) + " bytes, the limit for a document of " +
+                    std::to_string(_limits.maxBytes) + " bytes");
 }
 
 // Reads characters up to `stop` or the end of the document, references included; `check` sees
@@ -468,7 +659,14 @@ bool Parser::ReadStartTag() {
         return Fail("elements nested deeper than " + std::to_string(_limits.maxDepth), at);
     }
     bool empty = false;
-    if (!CheckBudget() || !ReadAttributes(at, &empty) || !CheckRepeatedAttributes(at)) {
+    if (!CheckBudget()) {
+        return false;
+    }
+    if (_p < _end && *_p == '>') {
+        // The common start tag, without attributes.
+        ++_p;
+        _attrs.clear();
+    } else if (!ReadAttributes(at, &empty) || !CheckRepeatedAttributes(at)) {
         return false;
     }
     rk_elem* elem = NewElement(name, nameLen);
@@ -478,12 +676,11 @@ bool Parser::ReadStartTag() {
     if (empty) {
         return Close(elem);
     }
-    OpenElement open;
+    OpenElement& open = _open.push();
     open.elem = elem;
     open.name = name;
     open.nameLen = nameLen;
     open.firstChild = _children.size();
-    _open.push_back(std::move(open));
     return true;
 }
 
@@ -589,7 +786,7 @@ bool Parser::CheckRepeatedAttributes(const char* at) {
 // The element of a start tag just read, with the attributes in _attrs, in the arena.
 rk_elem* Parser::NewElement(const char* name, size_t nameLen) {
     rk_elem* elem = _arena->NewElement();
-    elem->name = _arena->CopyString(name, nameLen);
+    elem->name = _names.Intern(_arena, name, nameLen);
     const size_t n = _attrs.size();
     if (n > 0) {
         elem->attributes = static_cast<RkAttribute*>(_arena->Allocate(n * sizeof(RkAttribute)));
@@ -621,7 +818,14 @@ bool Parser::ReadEndTag() {
     _p += 2;
     const char* name;
     size_t nameLen;
-    if (!ReadName(&name, &nameLen)) {
+    OpenElement& open = _open.back();
+    // Nearly always the open element's name: compared where it stands.
+    if (static_cast<size_t>(_end - _p) > open.nameLen && SameBytes(_p, open.name, open.nameLen) &&
+        !Is(_p[open.nameLen], kNameChar)) {
+        name = open.name;
+        nameLen = open.nameLen;
+        _p += nameLen;
+    } else if (!ReadName(&name, &nameLen)) {
         return Fail("malformed end tag", at);
     }
     SkipSpace();
@@ -629,8 +833,7 @@ bool Parser::ReadEndTag() {
         return Fail("malformed end tag", at);
     }
     ++_p;
-    OpenElement& open = _open.back();
-    if (nameLen != open.nameLen || memcmp(name, open.name, nameLen) != 0) {
+    if (name != open.name && (nameLen != open.nameLen || memcmp(name, open.name, nameLen) != 0)) {
         return Fail("end tag </" + std::string(name, nameLen) + "> does not match <" +
                         std::string(open.name, open.nameLen) + ">",
                     at);
@@ -655,7 +858,7 @@ bool Parser::ReadEndTag() {
         elem->childCount = static_cast<uint32_t>(count);
         _children.resize(open.firstChild);
     }
-    _open.pop_back();
+    _open.pop();
     return Close(elem);
 }
 
@@ -691,15 +894,28 @@ bool Parser::AddPiece(OpenElement& open, const char* piece, size_t len) {
 // At a character of text inside an element.
 bool Parser::ReadText() {
     const char* start = _p;
-    bool space = true;
-    if (!ReadCharsUntil('<', [&](char c) {
-            if (c == '>' && _p - start >= 2 && _p[-1] == ']' && _p[-2] == ']') {
-                return Fail("\"]]>\" in text", _p - 2);
+    // White space first: between elements it is all there is.
+    SkipSpace();
+    const bool space = _p == _end || *_p == '<';
+    // Then runs of plain characters, up to the next "<"; "&" starts a reference, and ">" may
+    // not end "]]" (the rest of a document's characters were checked before it was read).
+    while (_p < _end && *_p != '<') {
+        if (!Is(*_p, kTextStop)) {
+            const char* p = _p + 1;
+            const char* const end = _end;
+            while (p < end && !Is(*p, kTextStop)) {
+                ++p;
             }
-            space = space && Is(c, kSpace);
-            return true;
-        })) {
-        return false;
+            _p = p;
+        } else if (*_p == '&') {
+            if (!ReadReference()) {
+                return false;
+            }
+        } else if (_p - start >= 2 && _p[-1] == ']' && _p[-2] == ']') {
+            return Fail("\"]]>\" in text", _p - 2);
+        } else {
+            ++_p;
+        }
     }
     if (_p == _end) {
         return Fail(
@@ -766,8 +982,10 @@ rk_elem* Parser::Parse() {
     if (!CheckChars()) {
         return nullptr;
     }
+    // A small answer's tree takes about three times its text (elements of 56 bytes for tags of
+    // a dozen): its first block holds it whole.
     _arena =
-        Arena::Create(std::min<size_t>(static_cast<size_t>(_end - _begin) * 2 + 256, 64u << 10));
+        Arena::Create(std::min<size_t>(static_cast<size_t>(_end - _begin) * 4 + 512, 64u << 10));
     bool ok = false;
     try {
         ok = ReadDocument();
@@ -780,6 +998,7 @@ rk_elem* Parser::Parse() {
         _arena->Destroy();
         return nullptr;
     }
+    _arena->SetRoot(_root);
     return _root;
 }
 
@@ -858,8 +1077,13 @@ bool Parser::ReadNode() {
     if (*_p != '<') {
         return ReadText();
     }
-    if (StartsWith("</", 2)) {
+    // Start and end tags, nearly all there is, are told apart by the byte after the "<".
+    const char next = _end - _p > 1 ? _p[1] : '\0';
+    if (next == '/') {
         return ReadEndTag();
+    }
+    if (next != '!' && next != '?') {
+        return ReadStartTag();
     }
     if (StartsWith("<!--", 4)) {
         return ReadComment();
@@ -937,7 +1161,19 @@ rk_elem* ParseXml(const char* text, size_t len, const ParseLimits& limits, Parse
                         std::to_string(limits.maxBytes) + " bytes";
         return nullptr;
     }
-    Parser parser(text, len, limits, error);
+    // A thread's scratch storage serves one parse at a time.
+    thread_local Scratch kept;
+    Scratch own;
+    Scratch* scratch = kept.busy ? &own : &kept;
+    scratch->busy = true;
+    struct Done {
+        Scratch* scratch;
+        ~Done() {
+            scratch->Reset();
+            scratch->busy = false;
+        }
+    } done{scratch};
+    Parser parser(text, len, limits, error, scratch);
     return parser.Parse();
 }
 

@@ -4,6 +4,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <algorithm>
 #include <new>
 #include <string>
 #include <utility>
@@ -15,41 +16,258 @@ namespace rk {
 
 namespace {
 
-void AppendText(const char* text, bool markup, std::string* out) {
-    if (markup) {
-        // Markup from the wire is already escaped and is written as it stands.
-        out->append(text);
-    } else {
-        AppendEscaped(text, out);
+// Where each byte of a text that is written escaped goes: most stand for themselves, the five
+// special characters become entities.
+struct EscapeTable {
+    unsigned char length[256] = {};  // of the entity; 0: the byte itself
+    char entity[256][7] = {};
+    constexpr EscapeTable() {
+        Set('&', "&amp;");
+        Set('<', "&lt;");
+        Set('>', "&gt;");
+        Set('"', "&quot;");
+        Set('\'', "&apos;");
     }
-}
+    constexpr void Set(unsigned char c, const char* text) {
+        unsigned char n = 0;
+        for (; text[n] != '\0'; ++n) {
+            entity[c][n] = text[n];
+        }
+        length[c] = n;
+    }
+};
+constexpr EscapeTable kEscapes;
 
-void AppendAttributeValue(const RkAttribute& attr, std::string* out) {
-    if (!attr.markup) {
-        AppendEscaped(attr.value, out);
-        return;
+// Writes into a std::string through a cursor: room is made once for the longest form a piece
+// can take, and its bytes are stored, not appended one by one. When it checks, every name,
+// text and attribute value must be valid UTF-8 of XML characters, and ok() says whether all
+// were.
+class Writer {
+  public:
+    Writer(std::string* out, bool check) : _out(out), _used(out->size()), _check(check) {
+        // A buffer kept between calls is written into as far as it reaches without growing.
+        _out->resize(_out->capacity());
     }
-    // A parsed value may hold a double quote if its source used single quotes.
-    for (const char* p = attr.value; *p != '\0'; ++p) {
-        if (*p == '"') {
-            out->append("&quot;");
+    ~Writer() { _out->resize(_used); }
+    Writer(const Writer&) = delete;
+    Writer& operator=(const Writer&) = delete;
+
+    bool ok() const { return _ok; }
+
+    void Put(const char* text, size_t len) {
+        char* w = Room(len);
+        memcpy(w, text, len);
+        _used += len;
+    }
+    void Put(char c) {
+        *Room(1) = c;
+        ++_used;
+    }
+    void Indent(size_t depth) {
+        char* w = Room(2 * depth);
+        memset(w, ' ', 2 * depth);
+        _used += 2 * depth;
+    }
+    // A name, or markup from the wire (already escaped), as it stands.
+    void Raw(const char* text) {
+        const size_t len = strlen(text);
+        Check(text, len);
+        Put(text, len);
+    }
+    // A text of the interface, with the five special characters as entities.
+    void Escaped(const char* text) {
+        const size_t len = strlen(text);
+        Check(text, len);
+        char* const start = Room(6 * len);
+        _used += static_cast<size_t>(EscapeInto(start, text, len) - start);
+    }
+    // A leaf element without attributes, most of any tree: its line in one reservation.
+    void Leaf(size_t depth, const rk_elem* elem) {
+        const size_t nameLen = strlen(elem->name);
+        const size_t textLen = strlen(elem->content);
+        Check(elem->name, nameLen);
+        Check(elem->content, textLen);
+        char* const start = Room(2 * depth + 2 * nameLen + 6 * textLen + 6);
+        char* w = start;
+        memset(w, ' ', 2 * depth);
+        w += 2 * depth;
+        *w++ = '<';
+        memcpy(w, elem->name, nameLen);
+        w += nameLen;
+        if (textLen == 0) {
+            memcpy(w, "/>\n", 3);
+            w += 3;
         } else {
-            out->push_back(*p);
+            *w++ = '>';
+            if (elem->contentMarkup) {
+                memcpy(w, elem->content, textLen);
+                w += textLen;
+            } else {
+                w = EscapeInto(w, elem->content, textLen);
+            }
+            *w++ = '<';
+            *w++ = '/';
+            memcpy(w, elem->name, nameLen);
+            w += nameLen;
+            *w++ = '>';
+            *w++ = '\n';
+        }
+        _used += static_cast<size_t>(w - start);
+    }
+    // A parsed attribute value: it may hold a double quote if its source used single quotes.
+    void QuotedMarkup(const char* text) {
+        const size_t len = strlen(text);
+        Check(text, len);
+        char* w = Room(6 * len);
+        for (size_t i = 0; i < len; ++i) {
+            if (text[i] == '"') {
+                memcpy(w, "&quot;", 6);
+                w += 6;
+            } else {
+                *w++ = text[i];
+            }
+        }
+        _used = static_cast<size_t>(w - &(*_out)[0]);
+    }
+
+  private:
+    static char* EscapeInto(char* w, const char* text, size_t len) {
+        for (size_t i = 0; i < len; ++i) {
+            const unsigned char c = static_cast<unsigned char>(text[i]);
+            const size_t n = kEscapes.length[c];
+            if (n == 0) {
+                *w++ = static_cast<char>(c);
+            } else {
+                memcpy(w, kEscapes.entity[c], n);
+                w += n;
+            }
+        }
+        return w;
+    }
+    char* Room(size_t n) {
+        if (_out->size() - _used < n) {
+            _out->resize(std::max(2 * _out->size(), _used + n + 256));
+        }
+        return &(*_out)[_used];
+    }
+    void Check(const char* text, size_t len) {
+        size_t offset = 0;
+        const char* why = nullptr;
+        if (_check && _ok && !IsXmlText(text, len, &offset, &why)) {
+            _ok = false;
         }
     }
+
+    std::string* const _out;
+    size_t _used;
+    const bool _check;
+    bool _ok = true;
+};
+
+void WriteText(const char* text, bool markup, Writer* out) {
+    if (markup) {
+        out->Raw(text);
+    } else {
+        out->Escaped(text);
+    }
 }
 
-void AppendOpenTag(const rk_elem* elem, std::string* out) {
-    out->push_back('<');
-    out->append(elem->name);
+void WriteOpenTag(const rk_elem* elem, Writer* out) {
+    out->Put('<');
+    out->Raw(elem->name);
     for (uint32_t i = 0; i < elem->attrCount; ++i) {
         const RkAttribute& attr = elem->attributes[i];
-        out->push_back(' ');
-        out->append(attr.name);
-        out->append("=\"");
-        AppendAttributeValue(attr, out);
-        out->push_back('"');
+        out->Put(' ');
+        out->Raw(attr.name);
+        out->Put("=\"", 2);
+        if (attr.markup) {
+            out->QuotedMarkup(attr.value);
+        } else {
+            out->Escaped(attr.value);
+        }
+        out->Put('"');
     }
+}
+
+// A stack that holds its first entries in place, so that writing a tree of ordinary depth
+// allocates nothing for it.
+template <typename T>
+class SmallStack {
+  public:
+    bool empty() const { return _size == 0; }
+    void push(const T& item) {
+        if (_size < kInPlace) {
+            _inPlace[_size] = item;
+        } else {
+            _more.push_back(item);
+        }
+        ++_size;
+    }
+    T pop() {
+        --_size;
+        if (_size < kInPlace) {
+            return _inPlace[_size];
+        }
+        T item = _more.back();
+        _more.pop_back();
+        return item;
+    }
+
+  private:
+    static const size_t kInPlace = 64;
+    T _inPlace[kInPlace];
+    std::vector<T> _more;
+    size_t _size = 0;
+};
+
+// The indented text of the tree at `root`; false when checking found a text that cannot be
+// written as XML.
+bool Write(const rk_elem* root, bool check, std::string* out) {
+    struct Step {
+        const rk_elem* elem;
+        size_t depth;
+        bool close;
+    };
+    Writer writer(out, check);
+    // Iterative, so that a tree of any depth is written without deep recursion.
+    SmallStack<Step> pending;
+    pending.push({root, 0, false});
+    while (!pending.empty()) {
+        const Step step = pending.pop();
+        const rk_elem* elem = step.elem;
+        if (!step.close && elem->childCount == 0 && elem->attrCount == 0) {
+            writer.Leaf(step.depth, elem);
+            continue;
+        }
+        writer.Indent(step.depth);
+        if (step.close) {
+            writer.Put("</", 2);
+            writer.Put(elem->name, strlen(elem->name));  // checked in its start tag
+            writer.Put(">\n", 2);
+            continue;
+        }
+        WriteOpenTag(elem, &writer);
+        if (elem->childCount == 0) {
+            if (elem->content[0] == '\0') {
+                writer.Put("/>\n", 3);
+            } else {
+                writer.Put('>');
+                WriteText(elem->content, elem->contentMarkup != 0, &writer);
+                writer.Put("</", 2);
+                writer.Put(elem->name, strlen(elem->name));
+                writer.Put(">\n", 2);
+            }
+            continue;
+        }
+        writer.Put('>');
+        WriteText(elem->content, elem->contentMarkup != 0, &writer);
+        writer.Put('\n');
+        pending.push({elem, step.depth, true});
+        for (uint32_t i = elem->childCount; i > 0; --i) {
+            pending.push({elem->children[i - 1], step.depth + 1, false});
+        }
+    }
+    return writer.ok();
 }
 
 // Names the element for a reason: "<name>", with the names of its ancestors when it has any.
@@ -115,10 +333,11 @@ void ToWireForm(rk_elem* root) {
         return;
     }
     // Texts without a special character read the same escaped: they only change their mark.
-    auto convert = [](const char** text, bool* owned) {
+    auto convert = [](rk_elem* elem, const char** text, bool* owned) {
         if (strpbrk(*text, "&<>\"'") == nullptr) {
             return;
         }
+        Touch(elem);
         std::string escaped;
         AppendEscaped(*text, &escaped);
         char* copy = static_cast<char*>(malloc(escaped.size() + 1));
@@ -138,14 +357,14 @@ void ToWireForm(rk_elem* root) {
         pending.pop_back();
         if (!elem->contentMarkup) {
             bool owned = elem->ownsContent != 0;
-            convert(&elem->content, &owned);
+            convert(elem, &elem->content, &owned);
             elem->ownsContent = owned ? 1 : 0;
             elem->contentMarkup = 1;
         }
         for (uint32_t i = 0; i < elem->attrCount; ++i) {
             RkAttribute& attr = elem->attributes[i];
             if (!attr.markup) {
-                convert(&attr.value, &attr.ownsValue);
+                convert(elem, &attr.value, &attr.ownsValue);
                 attr.markup = true;
             }
         }
@@ -154,46 +373,18 @@ void ToWireForm(rk_elem* root) {
 }
 
 void WriteXml(const rk_elem* root, std::string* out) {
-    if (root == nullptr) {
-        return;
+    if (root != nullptr) {
+        Write(root, false, out);
     }
-    struct Step {
-        const rk_elem* elem;
-        size_t depth;
-        bool close;
-    };
-    // Iterative, so that a tree of any depth is written without deep recursion.
-    std::vector<Step> pending;
-    pending.reserve(32);
-    pending.push_back({root, 0, false});
-    while (!pending.empty()) {
-        Step step = pending.back();
-        pending.pop_back();
-        const rk_elem* elem = step.elem;
-        out->append(2 * step.depth, ' ');
-        if (step.close) {
-            out->append("</").append(elem->name).append(">\n");
-            continue;
-        }
-        AppendOpenTag(elem, out);
-        if (elem->childCount == 0) {
-            if (elem->content[0] == '\0') {
-                out->append("/>\n");
-            } else {
-                out->push_back('>');
-                AppendText(elem->content, elem->contentMarkup != 0, out);
-                out->append("</").append(elem->name).append(">\n");
-            }
-            continue;
-        }
-        out->push_back('>');
-        AppendText(elem->content, elem->contentMarkup != 0, out);
-        out->push_back('\n');
-        pending.push_back({elem, step.depth, true});
-        for (uint32_t i = elem->childCount; i > 0; --i) {
-            pending.push_back({elem->children[i - 1], step.depth + 1, false});
-        }
+}
+
+bool WriteRequestXml(const rk_elem* request, std::string* out) {
+    const size_t start = out->size();
+    if (Write(request, true, out)) {
+        return true;
     }
+    out->resize(start);
+    return false;
 }
 
 bool CheckRequestText(const rk_elem* request, std::string* reason) {
