@@ -84,6 +84,14 @@ TEST(DecodedString, UnknownEntitiesAndPlainTextStay) {
     EXPECT_EQ(TezaFieldType::getDecodedString(""), "");
 }
 
+TEST(DecodedString, CutEntitiesAtTheEndStayAndEmbeddedNulsAreText) {
+    // An entity cut short by the end of the text is not one; the text goes on past a NUL.
+    EXPECT_EQ(TezaFieldType::getDecodedString("a&am"), "a&am");
+    EXPECT_EQ(TezaFieldType::getDecodedString("&apos"), "&apos");
+    EXPECT_EQ(TezaFieldType::getDecodedString("&"), "&");
+    EXPECT_EQ(TezaFieldType::getDecodedString(std::string("a\0&lt;&", 7)), std::string("a\0<&", 4));
+}
+
 TEST(DecodedString, EntityAtTheEndAndAtTheStart) {
     // After the last replacement the rest to decode starts at the text's end.
     EXPECT_EQ(TezaFieldType::getDecodedString("x&gt;"), "x>");

@@ -202,13 +202,14 @@ bool TezaFieldType::isStoreAsRawString() const {
 
 // --- Copying setters ----------------------------------------------------------------------------
 
-#define TEZA_SET_SINGLE(T)                                                               \
-    void TezaFieldType::setFieldValue(int fieldPos, T value) {                           \
-        TEZA_CHECK_FIELD_ACCESS();                                                       \
-        if (!_storeAsRawString) {                                                        \
-            __replaceSingle(isFieldSet(fieldPos), _fieldValues[fieldPos], new T(value)); \
-            fieldSet(fieldPos);                                                          \
-        }                                                                                \
+#define TEZA_SET_SINGLE(T)                                                \
+    void TezaFieldType::setFieldValue(int fieldPos, T value) {            \
+        TEZA_CHECK_FIELD_ACCESS();                                        \
+        if (!_storeAsRawString) {                                         \
+            __replaceSingle(isFieldSet(fieldPos), _fieldValues[fieldPos], \
+                            new T(std::move(value)));                     \
+            fieldSet(fieldPos);                                           \
+        }                                                                 \
     }
 
 TEZA_SET_SINGLE(int32_t)
@@ -398,7 +399,8 @@ bool TezaFieldType::getFieldValue(int fieldPos, int& count, TezaFieldType*& valu
 void TezaFieldType::setRawStringValue(int fieldPos, std::string value) {
     TEZA_CHECK_FIELD_ACCESS();
     if (_storeAsRawString) {
-        __replaceSingle(isFieldSet(fieldPos), _fieldValues[fieldPos], new std::string(value));
+        __replaceSingle(isFieldSet(fieldPos), _fieldValues[fieldPos],
+                        new std::string(std::move(value)));
         fieldSet(fieldPos);
     }
 }
@@ -475,7 +477,8 @@ static void __releaseField(TezaBasicType type, bool isArray, bool rawString, voi
 
 // Slots and counts stay as they are: with their bits clear they are dead.
 void TezaFieldType::clearFieldData() {
-    if (_isCleared) {
+    // A record that holds nothing (a new one, about to be read) has nothing to release.
+    if (_isCleared || _fieldSetBits.none()) {
         return;
     }
     const TezaFieldTypeMetaData& md = getMetaData();
@@ -631,41 +634,49 @@ static const xmlEncodedChar encodedList[5] = {
 // The category under which every nested record of a response is requested.
 static const std::string __ctgName = "typedef";
 
+// The entity of the table that starts at `text`, or null when none does. Two entities never
+// start at the same position, so at most one matches.
+static const xmlEncodedChar* __entityAt(const char* text, size_t length) {
+    for (const xmlEncodedChar& e : encodedList) {
+        if (e.entity.size() <= length && memcmp(text, e.entity.data(), e.entity.size()) == 0) {
+            return &e;
+        }
+    }
+    return NULL;
+}
+
+// Appends the `length` characters at `text` to `out`, entities decoded. One left-to-right pass:
+// the first entity found at or after a position is the one at the first ampersand from there on
+// that starts one, so after each replacement the search resumes behind the entity and the
+// character produced is never examined again. Runs without an ampersand are appended whole.
+static void __appendDecoded(const char* text, size_t length, std::string& out) {
+    const char* end = text + length;
+    for (;;) {
+        const char* amp = static_cast<const char*>(memchr(text, '&', end - text));
+        if (amp == NULL) {
+            out.append(text, end - text);
+            return;
+        }
+        out.append(text, amp - text);
+        const xmlEncodedChar* entity = __entityAt(amp, end - amp);
+        if (entity == NULL) {
+            out += '&';
+            text = amp + 1;
+        } else {
+            out += entity->replacement;
+            text = amp + entity->entity.size();
+        }
+    }
+}
+
 // Decodes the entities that start at or after `from`; what comes before is copied unchanged.
-// One left-to-right pass: after each replacement the search resumes behind the entity, so the
-// character produced is never examined again. The next position of each entity is remembered
-// and searched again only once the pass has moved past it, which keeps the pass linear.
 static std::string getDecodedString(const std::string& text, unsigned long from) {
     if (from >= text.size()) {
         return text;
     }
-    const size_t kEntities = sizeof(encodedList) / sizeof(encodedList[0]);
-    size_t next[kEntities];
-    for (size_t e = 0; e < kEntities; ++e) {
-        next[e] = text.find(encodedList[e].entity, from);
-    }
     std::string decoded(text, 0, from);
-    size_t pos = from;
-    for (;;) {
-        size_t found = std::string::npos;
-        size_t which = 0;
-        for (size_t e = 0; e < kEntities; ++e) {
-            if (next[e] != std::string::npos && next[e] < pos) {
-                next[e] = text.find(encodedList[e].entity, pos);
-            }
-            if (next[e] < found) {
-                found = next[e];
-                which = e;
-            }
-        }
-        if (found == std::string::npos) {
-            decoded.append(text, pos, std::string::npos);
-            return decoded;
-        }
-        decoded.append(text, pos, found - pos);
-        decoded += encodedList[which].replacement;
-        pos = found + encodedList[which].entity.size();
-    }
+    __appendDecoded(text.data() + from, text.size() - from, decoded);
+    return decoded;
 }
 
 std::string TezaFieldType::getDecodedString(const std::string& text) {
@@ -833,17 +844,10 @@ void TezaFieldType::constructRkChildElement(rk_elem_t* elem) const {
 
 // --- Reading records from response elements -----------------------------------------------------
 
+// Decodes straight into the value, without a copy of the text in between.
 static void __fromText(const char* text, std::string& value) {
-    value = ::getDecodedString(text, 0);
-}
-
-// The same for a text already held as a string, which the decoder then reads in place.
-static void __fromText(const std::string& text, std::string& value) {
-    value = ::getDecodedString(text, 0);
-}
-template <typename T>
-static void __fromText(const std::string& text, T& value) {
-    __fromText(text.c_str(), value);
+    value.clear();
+    __appendDecoded(text, strlen(text), value);
 }
 
 // The hierarchy of field `i`'s type when it is a nested typedef; empty otherwise.
@@ -931,42 +935,16 @@ static void __readItems(TezaFieldType& record, int i, TezaBasicType held, rk_ele
     }
 }
 
-// The text of single field `name`, decrypted when the field is flagged encrypted; false when
-// there is none.
-static bool __childText(rk_elem_t* elem, const char* name, bool encrypted, std::string& text) {
-    if (encrypted) {
-        char* clear = rk_child_get_string_encrypted(elem, name, NULL);
-        if (clear == NULL) {
-            return false;
-        }
-        text = clear;
-        rk_free(clear);
-        return true;
-    }
-    const char* found = rk_child_get_string(elem, name);
-    if (found == NULL) {
-        return false;
-    }
-    text = found;
-    return true;
-}
-
-// Reads single primitive field `i`; a missing child leaves it unset.
-static void __readSingle(TezaFieldType& record, const TezaFieldTypeMetaData& md, int i,
-                         rk_elem_t* elem) {
-    const char* fieldName = md.getFieldNameStr(i);
-    TezaBasicType code = md.getFieldType(i);
-    std::string text;
-    if (!__childText(elem, fieldName, md.isFieldEncrypted(i), text)) {
-        return;
-    }
+// Stores the text of single primitive field `i` as the record's mode wants it.
+static void __storeSingle(TezaFieldType& record, TezaBasicType code, int i, rk_elem_t* elem,
+                          const char* name, const char* text) {
     if (record.isStoreAsRawString()) {
         // Kept exactly as received: single raw values are not entity-decoded, while raw array
         // items, held as texts, are.
         record.setRawStringValue(i, text);
     } else if (code == TezaFieldTypeMetaData::BOOL_TYPE) {
         // Presence comes from the text lookup, the value from the library's reading.
-        record.setFieldValue(i, rk_child_get_bool(elem, fieldName, 0) != 0);
+        record.setFieldValue(i, rk_child_get_bool(elem, name, 0) != 0);
     } else {
         __withValueType(code, [&](auto type) {
             typename decltype(type)::Type value = typename decltype(type)::Type();
@@ -974,6 +952,28 @@ static void __readSingle(TezaFieldType& record, const TezaFieldTypeMetaData& md,
             record.setFieldValue(i, std::move(value));
         });
     }
+}
+
+// Reads single primitive field `i`; a missing child leaves it unset. A clear text is read where
+// the tree holds it; a decrypted one is copied and released first.
+static void __readSingle(TezaFieldType& record, const TezaFieldTypeMetaData& md, int i,
+                         rk_elem_t* elem) {
+    const char* name = md.getFieldNameStr(i);
+    TezaBasicType code = md.getFieldType(i);
+    if (!md.isFieldEncrypted(i)) {
+        const char* text = rk_child_get_string(elem, name);
+        if (text != NULL) {
+            __storeSingle(record, code, i, elem, name, text);
+        }
+        return;
+    }
+    char* clear = rk_child_get_string_encrypted(elem, name, NULL);
+    if (clear == NULL) {
+        return;
+    }
+    std::string text = clear;
+    rk_free(clear);
+    __storeSingle(record, code, i, elem, name, text.c_str());
 }
 
 // Finds the element single nested record `i` is read from, and the record's type name; false

@@ -9,6 +9,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <charconv>
 #include <string>
 
 #include "TezaFieldTypeMetaData.h"
@@ -53,29 +54,38 @@ static inline TezaBasicType __heldType(TezaBasicType type, bool rawString) {
 
 // --- Values as text -----------------------------------------------------------------------------
 
-// Numbers are formatted into a fixed stack buffer.
-static std::string __toString(int value) {
+// Numbers are formatted into a fixed stack buffer, in decimal: the same text as printf's "%d",
+// "%u", "%lld" and "%llu", without parsing a format for every number.
+struct __NumberText {
     char buffer[100];
-    snprintf(buffer, sizeof(buffer), "%d", value);
-    return buffer;
+};
+
+template <typename T>
+static inline const char* __formatNumber(__NumberText& text, T value) {
+    std::to_chars_result end =
+        std::to_chars(text.buffer, text.buffer + sizeof(text.buffer) - 1, value);
+    *end.ptr = '\0';
+    return text.buffer;
+}
+
+static std::string __toString(int value) {
+    __NumberText text;
+    return __formatNumber(text, value);
 }
 
 static std::string __toString(unsigned int value) {
-    char buffer[100];
-    snprintf(buffer, sizeof(buffer), "%u", value);
-    return buffer;
+    __NumberText text;
+    return __formatNumber(text, value);
 }
 
 static std::string __toString(long value) {
-    char buffer[100];
-    snprintf(buffer, sizeof(buffer), "%lld", static_cast<long long>(value));
-    return buffer;
+    __NumberText text;
+    return __formatNumber(text, static_cast<long long>(value));
 }
 
 static std::string __toString(unsigned long value) {
-    char buffer[100];
-    snprintf(buffer, sizeof(buffer), "%llu", static_cast<unsigned long long>(value));
-    return buffer;
+    __NumberText text;
+    return __formatNumber(text, static_cast<unsigned long long>(value));
 }
 
 static std::string __toString(bool value) {
@@ -114,19 +124,33 @@ static void __fromText(const char* text, std::string& value);
 
 // Adds a text child, encrypted with the client library's default key when asked. The result is
 // not checked: a refused child is simply missing from the request.
-static void __addChildString(rk_elem_t* elem, const char* name, const std::string& value,
-                             bool encrypted) {
+static void __addChildString(rk_elem_t* elem, const char* name, const char* value, bool encrypted) {
     if (encrypted) {
-        rk_child_add_string_encrypted(elem, name, value.c_str(), NULL);
+        rk_child_add_string_encrypted(elem, name, value, NULL);
     } else {
-        rk_child_add_string(elem, name, value.c_str());
+        rk_child_add_string(elem, name, value);
     }
+}
+
+static inline void __addChildString(rk_elem_t* elem, const char* name, const std::string& value,
+                                    bool encrypted) {
+    __addChildString(elem, name, value.c_str(), encrypted);
+}
+
+// The text a value is written as: a string's own characters, a number formatted into `text`.
+static inline const char* __valueText(__NumberText&, const std::string& value) {
+    return value.c_str();
+}
+template <typename T>
+static inline const char* __valueText(__NumberText& text, T value) {
+    return __formatNumber(text, value);
 }
 
 // One array item, always in the clear; false when the child is refused.
 template <typename T>
 static bool __addItem(rk_elem_t* parent, const char* name, const T& value) {
-    return rk_child_add_string(parent, name, __toString(value).c_str()) != NULL;
+    __NumberText text;
+    return rk_child_add_string(parent, name, __valueText(text, value)) != NULL;
 }
 static bool __addItem(rk_elem_t* parent, const char* name, bool value) {
     return rk_child_add_bool(parent, name, value ? 1 : 0) != NULL;
@@ -136,7 +160,8 @@ static bool __addItem(rk_elem_t* parent, const char* name, bool value) {
 // a boolean is never encrypted and its child must be accepted. False when a child is refused.
 template <typename T>
 static bool __addSingle(rk_elem_t* parent, const char* name, const T& value, bool encrypted) {
-    __addChildString(parent, name, __toString(value), encrypted);
+    __NumberText text;
+    __addChildString(parent, name, __valueText(text, value), encrypted);
     return true;
 }
 static bool __addSingle(rk_elem_t* parent, const char* name, bool value, bool) {
