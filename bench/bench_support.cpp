@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <charconv>
 #include <chrono>
 #include <fstream>
 #include <mutex>
@@ -278,16 +279,21 @@ bench::Batch ToBatch(const std::vector<ItemData>& items) {
 
 namespace {
 
-void AddInt(rk_elem_t* elem, const char* name, long long value) {
+// Numbers are written with std::to_chars, the cheapest exact base-10 formatting the standard
+// library has, so that the reference is what a careful hand would write.
+template <typename Integer>
+void AddNumber(rk_elem_t* elem, const char* name, Integer value) {
     char text[32];
-    snprintf(text, sizeof text, "%lld", value);
+    *std::to_chars(text, text + sizeof text - 1, value).ptr = '\0';
     rk_child_add_string(elem, name, text);
 }
 
+void AddInt(rk_elem_t* elem, const char* name, long long value) {
+    AddNumber(elem, name, value);
+}
+
 void AddUnsigned(rk_elem_t* elem, const char* name, unsigned long long value) {
-    char text[32];
-    snprintf(text, sizeof text, "%llu", value);
-    rk_child_add_string(elem, name, text);
+    AddNumber(elem, name, value);
 }
 
 void WritePointFields(rk_elem_t* elem, const PointData& p) {
