@@ -67,6 +67,25 @@ void __closeServer(rk_server_t* server) {
     TEZA_ASSERT(ret);
 }
 
+// The status of a server that the health check refuses; no connection is attempted.
+TezaStatus __notHealthy(const std::string& host) {
+    return TezaStatus(TezaStatus::ConnectionFailed, host + " is not healthy", kNotHealthyErrno);
+}
+
+// The last log line of an open that found no handle, with its whole seconds spent.
+void __logOpenFailed(const TezaServerConnection& connection, time_t seconds) {
+    TezaLogger::Log("%s: failed to connect to '%s' duration %ld", connection.getProc(),
+                    connection.toString().c_str(), static_cast<long>(seconds));
+}
+
+// The last log line of an open that holds a handle, before the call time-out is put on it.
+void __logConnected(const TezaServerConnection& connection) {
+    TezaLogger::Log("%s: connected: call_timeout=%d connect_timeout=%d server=%p",
+                    connection.getProc(), connection.getCallTimeout(),
+                    static_cast<int>(connection.getConnectTimeout()),
+                    static_cast<void*>(connection.getServer()));
+}
+
 // --- The tagged text form: "<key>value</key>", no separators and no escaping. ---------------
 
 void tsc_put_string(std::string& out, const std::string& key, const std::string& value) {
@@ -442,8 +461,7 @@ TezaStatus TezaServerConnection::open() {
         TezaLogger::Log("%s: attempt connection to '%s'\n", getProc(), _host.c_str());
         bool quarantined = useHealthChecker() && isQuarantined();
         if (quarantined) {
-            zst = TezaStatus(TezaStatus::ConnectionFailed, _host + " is not healthy",
-                             kNotHealthyErrno);
+            zst = __notHealthy(_host);
         } else {
             // A handle left in _server by a successful expiry probe in isQuarantined is
             // overwritten here without being closed; the program has always done so.
@@ -471,12 +489,9 @@ TezaStatus TezaServerConnection::open() {
     } while (_server == NULL && !candidates.empty());
 
     if (_server == NULL) {
-        TezaLogger::Log("%s: failed to connect to '%s' duration %ld", getProc(), toString().c_str(),
-                        static_cast<long>(getUptime() - start));
+        __logOpenFailed(*this, getUptime() - start);
     } else {
-        TezaLogger::Log("%s: connected: call_timeout=%d connect_timeout=%d server=%p", getProc(),
-                        _callTimeout, static_cast<int>(_connectTimeout),
-                        static_cast<void*>(_server));
+        __logConnected(*this);
         // The connect time-out served the connecting only; requests run under the call
         // time-out.
         __setTimeout(_server, _callTimeout);
