@@ -501,12 +501,10 @@ TezaStatus TezaInterface::invoke(int api, const TezaFieldType& input, TezaFieldT
 
 TezaStatus TezaInterface::invokeWith(int api, const TezaFieldType* input, TezaFieldType* output) {
     const unsigned int tag = static_cast<unsigned int>(getNextTag());
-    TezaStatus status;
-    if (!_connection.isremote()) {
-        status = openConnection(api);
-        if (status.status != TezaStatus::Success) {
-            return status;
-        }
+    // A remote descriptor opens nothing and goes on from success.
+    const TezaStatus status = _connection.isremote() ? TezaStatus() : openConnection(api);
+    if (status.status != TezaStatus::Success) {
+        return status;
     }
     TezaTracer* tracker = TezaNS_depot::getTezaTracker(getInterfaceId(), api);
     auto name = [this, api] { return traceName(api); };
