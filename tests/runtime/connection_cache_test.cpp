@@ -430,6 +430,32 @@ TEST_F(TezaConnectionCacheTest, HashTakesHostBytesAsUnsigned) {
     EXPECT_EQ(Get(host, other), h);
 }
 
+TEST_F(TezaConnectionCacheTest, HashTakesEveryByteOfKeysOfAnyLength) {
+    // Hosts and logins of 1 to 9 bytes: for each, a port that shares the bucket of port 443
+    // finds the handle and one that does not misses it, so the cache's bucket is the one
+    // computed here for every length.
+    for (size_t length = 1; length <= 9; ++length) {
+        const std::string host = "h" + std::string(length - 1, static_cast<char>('0' + length));
+        const std::string login(length, 'a');
+        auto bucket = [&](int port) {
+            return Bucket(host, 1, 21, kStyle, kType, kTransport, port, login, "secret");
+        };
+        int same = 444;
+        while (bucket(same) != bucket(443)) {
+            ++same;
+        }
+        int other = 444;
+        while (bucket(other) == bucket(443)) {
+            ++other;
+        }
+        rk_server_t* h = Open(host);
+        Release(h, host, 443, 1, login);
+        EXPECT_EQ(Get(host, other, 1, login), nullptr) << "length " << length;
+        EXPECT_EQ(Get(host, same, 1, login), h) << "length " << length;
+        rk_server_close(h);
+    }
+}
+
 // --- The ageing thread ----------------------------------------------------------------------
 
 TEST_F(TezaConnectionCacheTest, AgeThreadAgesAndProbesUntilCleanup) {

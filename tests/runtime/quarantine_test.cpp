@@ -545,6 +545,26 @@ TEST_F(QuarantineTest, UnquarantineOfAClearServerOnlyLogs) {
     EXPECT_EQ(LogMessages(), (Lines{"volume-get: unquarantine srv7"}));
 }
 
+TEST_F(QuarantineTest, UnquarantineErasesItsOwnEntryAndLeavesTheOthers) {
+    SetFailing(true);
+    for (const char* host : {"a", "b"}) {
+        TezaServerConnection d = Descriptor(host);
+        EXPECT_NE(d.open().status, TezaStatus::Success);
+    }
+    Descriptor("a").unquarantine();
+    EXPECT_FALSE(Descriptor("a").isQuarantined());
+    EXPECT_TRUE(Descriptor("b").isQuarantined());
+    Descriptor("b").unquarantine();
+    EXPECT_FALSE(Descriptor("b").isQuarantined());
+
+    // With the map empty again, the next failure starts a quarantine of its own.
+    _log.Create();
+    TezaServerConnection d = Descriptor("a");
+    EXPECT_NE(d.open().status, TezaStatus::Success);
+    EXPECT_THAT(LogMessages(), Contains("no proc: new quarantine for a"));
+    EXPECT_TRUE(Descriptor("a").isQuarantined());
+}
+
 // --- Background probe ------------------------------------------------------------------------
 
 TEST_F(QuarantineTest, BackgroundProbeOfAnAnsweringServerRemovesItsEntryAndClosesTheHandle) {

@@ -369,6 +369,45 @@ void freeElements(rk_elem_t* request, rk_elem_t* response) {
     }
 }
 
+// The two trace lines before sending, in each variant's order: a request element is traced
+// before the connection, the call without one after it. `traceName` gives the interface's
+// trace name afresh for each tracer call.
+template <typename TraceName>
+void traceBeforeSend(TezaTracer* tracker, unsigned int tag, rk_elem_t* request,
+                     const TezaServerConnection& connection, const bool& force, void* handle,
+                     TraceName traceName) {
+    const bool off = false;
+    if (request != nullptr) {
+        tracker->printRequest(tag, request, force, handle, traceName());
+        tracker->printServerConnection(tag, connection, off, nullptr, nullptr);
+    } else {
+        tracker->printServerConnection(tag, connection, off, nullptr, nullptr);
+        tracker->printEmptyRequest(tag, force, handle, traceName());
+    }
+}
+
+// Counts and traces a call that the server did not pass, and returns its status: the decoded
+// reason text (an absent one reads as empty) and the server's error number. Only the call
+// without records passes the interface's trace settings to the failure trace; the others pass
+// fixed "off" values. The asymmetry is kept as it is.
+template <typename TraceName>
+TezaStatus reportApiFailure(TezaTracer* tracker, unsigned int tag,
+                            const TezaServerConnection& connection, rk_elem_t* response,
+                            bool withRecords, const bool& force, void* handle,
+                            TraceName traceName) {
+    const char* reason = rk_results_reason(response);
+    const std::string decoded = TezaFieldType::getDecodedString(reason != nullptr ? reason : "");
+    TezaStatus failure(TezaStatus::ApiFailed, decoded, rk_results_errno(response));
+    tracker->getCounter().failure(false);
+    if (!withRecords) {
+        tracker->printTezaFailed(tag, connection, failure, force, handle, traceName());
+    } else {
+        const bool off = false;
+        tracker->printTezaFailed(tag, connection, failure, off, nullptr, nullptr);
+    }
+    return failure;
+}
+
 }  // namespace
 
 TezaInterface::TezaInterface(const TezaServerConnection& connection, const bool& forceTrace,
@@ -462,18 +501,15 @@ TezaStatus TezaInterface::invoke(int api, const TezaFieldType& input, TezaFieldT
 
 TezaStatus TezaInterface::invokeWith(int api, const TezaFieldType* input, TezaFieldType* output) {
     const unsigned int tag = static_cast<unsigned int>(getNextTag());
-    TezaStatus status;
-    if (!_connection.isremote()) {
-        status = openConnection(api);
-        if (status.status != TezaStatus::Success) {
-            return status;
-        }
+    // A remote descriptor opens nothing and goes on from success.
+    const TezaStatus status = _connection.isremote() ? TezaStatus() : openConnection(api);
+    if (status.status != TezaStatus::Success) {
+        return status;
     }
     TezaTracer* tracker = TezaNS_depot::getTezaTracker(getInterfaceId(), api);
-    const bool off = false;
+    auto name = [this, api] { return traceName(api); };
 
     rk_elem_t* request = nullptr;
-    rk_elem_t* response = nullptr;
     if (input != nullptr) {
         request = rk_elem_new(getApiName(api).c_str());
         if (request == nullptr) {
@@ -484,33 +520,21 @@ TezaStatus TezaInterface::invokeWith(int api, const TezaFieldType* input, TezaFi
             return status;
         }
         input->constructRkChildElement(request);
-        tracker->printRequest(tag, request, _forceTrace, _traceHandle, traceName(api));
-        tracker->printServerConnection(tag, _connection, off, nullptr, nullptr);
-        perform_invocation(request, response, api, nullptr);
-    } else {
-        tracker->printServerConnection(tag, _connection, off, nullptr, nullptr);
-        tracker->printEmptyRequest(tag, _forceTrace, _traceHandle, traceName(api));
-        perform_invocation(nullptr, response, api, getApiName(api).c_str());
     }
+    traceBeforeSend(tracker, tag, request, _connection, _forceTrace, _traceHandle, name);
+    // A request element goes with rk_server_invoke_elem, a call without one by its name with
+    // rk_server_invoke.
+    rk_elem_t* response = nullptr;
+    perform_invocation(request, response, api,
+                       request != nullptr ? nullptr : getApiName(api).c_str());
 
     // A remote descriptor sent nothing: the null response goes to the tracer and to the
     // client library as it is, which reports it as not passed.
     tracker->printResponse(tag, response, _forceTrace, _traceHandle, traceName(api));
     if (rk_results_status(response) != 1) {
-        // A result without a reason text is reported with an empty one.
-        const char* reason = rk_results_reason(response);
-        const std::string decoded =
-            TezaFieldType::getDecodedString(reason != nullptr ? reason : "");
-        TezaStatus failure(TezaStatus::ApiFailed, decoded, rk_results_errno(response));
-        tracker->getCounter().failure(false);
-        // Only the call without records passes this interface's trace settings to the failure
-        // trace; the others pass fixed "off" values. The asymmetry is kept as it is.
-        if (input == nullptr && output == nullptr) {
-            tracker->printTezaFailed(tag, _connection, failure, _forceTrace, _traceHandle,
-                                     traceName(api));
-        } else {
-            tracker->printTezaFailed(tag, _connection, failure, off, nullptr, nullptr);
-        }
+        const bool withRecords = input != nullptr || output != nullptr;
+        TezaStatus failure = reportApiFailure(tracker, tag, _connection, response, withRecords,
+                                              _forceTrace, _traceHandle, name);
         freeElements(request, response);
         if (!_connection.isremote()) {
             closeConnection();

@@ -2,7 +2,7 @@
 
 #include <sys/time.h>
 
-#include <list>
+#include <atomic>
 #include <sstream>
 #include <vector>
 
@@ -21,6 +21,11 @@ const int64_t kMaxQuarantineInterval = 120;
 // A server reported as not healthy; and the client library's refused connection.
 const int kNotHealthyErrno = 14007;
 const int kConnectionRefusedErrno = 13055;
+
+// The number of quarantined servers, written under TezaServerConnection::_mutex together with
+// the map. A successful open reads it without the lock: with nothing quarantined there is no
+// entry to erase, so the process-wide lock stays off the path of every call.
+std::atomic<size_t> __quarantinedCount(0);
 
 // The client library takes the enumerations' numbers unchanged; numbers outside a range
 // go as 0.
@@ -65,6 +70,25 @@ void __setAdminUser(rk_server_t* server, const std::string& login, const std::st
 void __closeServer(rk_server_t* server) {
     int ret = rk_server_close(server);
     TEZA_ASSERT(ret);
+}
+
+// The status of a server that the health check refuses; no connection is attempted.
+TezaStatus __notHealthy(const std::string& host) {
+    return TezaStatus(TezaStatus::ConnectionFailed, host + " is not healthy", kNotHealthyErrno);
+}
+
+// The last log line of an open that found no handle, with its whole seconds spent.
+void __logOpenFailed(const TezaServerConnection& connection, time_t seconds) {
+    TezaLogger::Log("%s: failed to connect to '%s' duration %ld", connection.getProc(),
+                    connection.toString().c_str(), static_cast<long>(seconds));
+}
+
+// The last log line of an open that holds a handle, before the call time-out is put on it.
+void __logConnected(const TezaServerConnection& connection) {
+    TezaLogger::Log("%s: connected: call_timeout=%d connect_timeout=%d server=%p",
+                    connection.getProc(), connection.getCallTimeout(),
+                    static_cast<int>(connection.getConnectTimeout()),
+                    static_cast<void*>(connection.getServer()));
 }
 
 // --- The tagged text form: "<key>value</key>", no separators and no escaping. ---------------
@@ -430,53 +454,42 @@ TezaStatus TezaServerConnection::open() {
     TEZA_ASSERT(_server == NULL);
 
     TezaStatus zst;
-    // A list of candidate hosts with this descriptor's host as its only entry: the loop below
-    // runs once. Hosts refused with 13055 are collected and never read.
-    std::list<std::string> candidates(1, _host);
+    // The candidate hosts are this descriptor's host alone, so one attempt is made and the
+    // host needs no copy. Hosts refused with 13055 are collected and never read.
     std::vector<std::string> refusedHosts;
     TezaLogger::Log("%s: start with %s", getProc(), _host.c_str());
     time_t start = getUptime();
 
-    do {
-        _host = candidates.front();
-        TezaLogger::Log("%s: attempt connection to '%s'\n", getProc(), _host.c_str());
-        bool quarantined = useHealthChecker() && isQuarantined();
-        if (quarantined) {
-            zst = TezaStatus(TezaStatus::ConnectionFailed, _host + " is not healthy",
-                             kNotHealthyErrno);
+    TezaLogger::Log("%s: attempt connection to '%s'\n", getProc(), _host.c_str());
+    if (useHealthChecker() && isQuarantined()) {
+        zst = __notHealthy(_host);
+    } else {
+        // A handle left in _server by a successful expiry probe in isQuarantined is
+        // overwritten here without being closed; the program has always done so.
+        _server = TezaConnectionCache::getConnection(_host, _majorVersion, _minorVersion, _style,
+                                                     _type, _transport, _port, _login, _password,
+                                                     static_cast<int>(_healthPingTimeout));
+        if (_server != NULL) {
+            TezaLogger::Log("%s: found healthy cached connection for '%s'\n", getProc(),
+                            _host.c_str());
+            unquarantine();
         } else {
-            // A handle left in _server by a successful expiry probe in isQuarantined is
-            // overwritten here without being closed; the program has always done so.
-            _server = TezaConnectionCache::getConnection(
-                _host, _majorVersion, _minorVersion, _style, _type, _transport, _port, _login,
-                _password, static_cast<int>(_healthPingTimeout));
-            if (_server != NULL) {
-                TezaLogger::Log("%s: found healthy cached connection for '%s'\n", getProc(),
-                                _host.c_str());
-                zst = TezaStatus();
-                unquarantine();
-                break;
-            }
             zst = newConnection();
             if (zst.status == TezaStatus::Success) {
                 unquarantine();
-                break;
-            }
-            quarantine();
-            if (zst.errnum == kConnectionRefusedErrno) {
-                refusedHosts.push_back(_host);
+            } else {
+                quarantine();
+                if (zst.errnum == kConnectionRefusedErrno) {
+                    refusedHosts.push_back(_host);
+                }
             }
         }
-        candidates.pop_front();
-    } while (_server == NULL && !candidates.empty());
+    }
 
     if (_server == NULL) {
-        TezaLogger::Log("%s: failed to connect to '%s' duration %ld", getProc(), toString().c_str(),
-                        static_cast<long>(getUptime() - start));
+        __logOpenFailed(*this, getUptime() - start);
     } else {
-        TezaLogger::Log("%s: connected: call_timeout=%d connect_timeout=%d server=%p", getProc(),
-                        _callTimeout, static_cast<int>(_connectTimeout),
-                        static_cast<void*>(_server));
+        __logConnected(*this);
         // The connect time-out served the connecting only; requests run under the call
         // time-out.
         __setTimeout(_server, _callTimeout);
@@ -565,6 +578,7 @@ void TezaServerConnection::quarantine() {
     std::pair<QuarantineMap::iterator, bool> inserted = map->insert(
         QuarantineMap::value_type(*this, Expiration(static_cast<int>(_connectTimeout))));
     if (inserted.second) {
+        __quarantinedCount = map->size();
         TezaLogger::Log("%s: new quarantine for %s", getProc(), _host.c_str());
         return;
     }
@@ -580,9 +594,13 @@ void TezaServerConnection::quarantine() {
 
 void TezaServerConnection::unquarantine() {
     TezaLogger::Log("%s: unquarantine %s", getProc(), _host.c_str());
+    if (__quarantinedCount == 0) {
+        return;
+    }
     QuarantineMap* map = get_quarantine_map();
     TezaWrapperUtil::Monitor monitor(_mutex);
     map->erase(*this);
+    __quarantinedCount = map->size();
 }
 
 void TezaServerConnection::probeQuarantinedServers() {
