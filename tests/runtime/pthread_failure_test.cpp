@@ -26,6 +26,21 @@ TEST_F(PthreadFailureDeathTest, FailingOnceWhenCreatingTheQuarantineMap) {
         AssertionText("!result"));
 }
 
+// Every successful open erases its descriptor from the quarantine under the quarantine's lock,
+// also when nothing is quarantined, so a failing lock there ends the process all the same.
+TEST_F(PthreadFailureDeathTest, FailingLockOfTheQuarantineWhileNothingIsQuarantined) {
+    TezaServerConnection d = testsupport::Descriptor();
+    d.quarantine();
+    d.unquarantine();  // the map exists and is empty again
+    ASSERT_FALSE(d.isQuarantined());
+    EXPECT_DEATH(
+        {
+            pthreadfail::FailNextMutexLock();
+            d.unquarantine();
+        },
+        AssertionText("lock_res==0"));
+}
+
 TEST_F(PthreadFailureDeathTest, FailingLockInTheHealthCheckerRegistry) {
     EXPECT_DEATH(
         {

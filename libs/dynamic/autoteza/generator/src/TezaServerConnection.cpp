@@ -2,7 +2,6 @@
 
 #include <sys/time.h>
 
-#include <atomic>
 #include <sstream>
 #include <vector>
 
@@ -21,11 +20,6 @@ const int64_t kMaxQuarantineInterval = 120;
 // A server reported as not healthy; and the client library's refused connection.
 const int kNotHealthyErrno = 14007;
 const int kConnectionRefusedErrno = 13055;
-
-// The number of quarantined servers, written under TezaServerConnection::_mutex together with
-// the map. A successful open reads it without the lock: with nothing quarantined there is no
-// entry to erase, so the process-wide lock stays off the path of every call.
-std::atomic<size_t> __quarantinedCount(0);
 
 // The client library takes the enumerations' numbers unchanged; numbers outside a range
 // go as 0.
@@ -578,7 +572,6 @@ void TezaServerConnection::quarantine() {
     std::pair<QuarantineMap::iterator, bool> inserted = map->insert(
         QuarantineMap::value_type(*this, Expiration(static_cast<int>(_connectTimeout))));
     if (inserted.second) {
-        __quarantinedCount = map->size();
         TezaLogger::Log("%s: new quarantine for %s", getProc(), _host.c_str());
         return;
     }
@@ -594,13 +587,9 @@ void TezaServerConnection::quarantine() {
 
 void TezaServerConnection::unquarantine() {
     TezaLogger::Log("%s: unquarantine %s", getProc(), _host.c_str());
-    if (__quarantinedCount == 0) {
-        return;
-    }
     QuarantineMap* map = get_quarantine_map();
     TezaWrapperUtil::Monitor monitor(_mutex);
     map->erase(*this);
-    __quarantinedCount = map->size();
 }
 
 void TezaServerConnection::probeQuarantinedServers() {
