@@ -524,8 +524,9 @@ class HttpFrontEnd::Server final : public httplib::Server {
         if (reply.kind != Reply::Kind::Result || !CallResponseStatus(reply.httpStatus)) {
             return Served::Close;  // not a reply of a server without a script
         }
+        // The answer's tree is freed once the answer has left (with `reply`): freeing a large
+        // one takes a while, which the client then spends reading.
         std::string body = ToXml(reply.result.get());
-        reply.result.reset();
         const bool gzip = Compress(request.acceptEncoding.value, &body);
         const bool sent = c.WriteAll(CallResponseHead(reply.httpStatus, gzip, body.size(),
                                                       _keepAliveSeconds, kMaxCallsPerConnection),
