@@ -95,6 +95,33 @@ TEST(CallRequest, LeavesEveryOtherRequestToTheHttpLibrary) {
     }
 }
 
+// Every prefix of a request is incomplete; bytes changed anywhere never make the reader look
+// outside the bytes it was given (ASan checks every read) nor place the body outside them.
+TEST(CallRequest, PrefixesAndChangedBytesStayWithinTheGivenBytes) {
+    const std::string text =
+        Request(Call("bench-call", "<note>a &amp; b</note>"), "Authorization: Bearer t\r\n");
+    CallRequest request;
+    ASSERT_TRUE(ReadCallRequest(text.data(), text.size(), &request));
+    for (size_t n = 0; n < text.size(); ++n) {
+        const std::vector<char> prefix(text.begin(), text.begin() + static_cast<long>(n));
+        EXPECT_FALSE(ReadCallRequest(prefix.data(), prefix.size(), &request)) << n;
+    }
+    size_t accepted = 0;
+    for (size_t at = 0; at < text.size(); ++at) {
+        for (char c : {'\0', '\r', '\n', ':', '%', ' ', '9', 'x'}) {
+            std::vector<char> changed(text.begin(), text.end());
+            changed[at] = c;
+            if (ReadCallRequest(changed.data(), changed.size(), &request)) {
+                ++accepted;
+                EXPECT_LE(request.size, changed.size());
+                EXPECT_GE(request.body, changed.data());
+                EXPECT_EQ(request.body + request.bodyLength, changed.data() + request.size);
+            }
+        }
+    }
+    EXPECT_GT(accepted, 0u);  // changes in the body and in the values keep it a call
+}
+
 TEST(CallRequest, HeadsAreTheOnesTheHttpLibraryWrites) {
     EXPECT_EQ(CallResponseHead(200, false, 12, 30, 100000),
               "HTTP/1.1 200 OK\r\n"
