@@ -23,8 +23,31 @@ void AddNumber(rk_elem_t* parent, const char* name, long long value) {
     AddText(parent, name, std::to_string(value));
 }
 
-void AddUnsigned(rk_elem_t* parent, const char* name, unsigned long long value) {
-    AddText(parent, name, std::to_string(value));
+// Writes `value` in `base` (10 or 16, lower-case digits), zero-padded to at least `width`
+// digits, at `out`; returns the end. What snprintf's "%0*llu" and "%0*llx" write, at a
+// tenth of their cost, which counts for the half million numbers of a big answer.
+char* PutNumber(char* out, unsigned long long value, int width, unsigned base) {
+    static const char kDigits[] = "0123456789abcdef";
+    char reversed[24];
+    int n = 0;
+    do {
+        reversed[n++] = kDigits[value % base];
+        value /= base;
+    } while (value != 0);
+    for (int pad = width - n; pad > 0; --pad) {
+        *out++ = '0';
+    }
+    while (n > 0) {
+        *out++ = reversed[--n];
+    }
+    return out;
+}
+
+char* PutText(char* out, const char* text) {
+    while (*text != '\0') {
+        *out++ = *text++;
+    }
+    return out;
 }
 
 // The text of a nested element's child; fails the call when it is absent.
@@ -94,22 +117,29 @@ ElemPtr BenchService::Volumes(const Args& args) {
     const int64_t count = args.Integer("count", 0, 0, kBenchMaxVolumes, kErrBenchInvalid);
     ElemPtr result = NewPassed();
     rk_elem_t* volumes = AddElem(result.get(), "volumes");
-    char text[96];
+    // Texts are written into one buffer: "/srv/" and the name at its start, the other texts
+    // after them.
+    char text[128];
+    char* const name = PutText(text, "/srv/");
+    char* const other = name + 32;
     for (int64_t i = 0; i < count; ++i) {
+        const auto u = static_cast<unsigned long long>(i);
         rk_elem_t* volume = AddElem(volumes, "volume");
-        snprintf(text, sizeof text, "volume-%06lld", static_cast<long long>(i));
-        const std::string name = text;
+        *PutNumber(PutText(name, "volume-"), u, 6, 10) = '\0';
         AddText(volume, "name", name);
-        snprintf(text, sizeof text, "%08llx-0000-4000-8000-%012llx", static_cast<long long>(i),
-                 static_cast<long long>(i) * 7919);
-        AddText(volume, "uuid", text);
-        AddUnsigned(volume, "size", (static_cast<unsigned long long>(i) + 1) << 30);
-        AddUnsigned(volume, "used", static_cast<unsigned long long>(i) << 20);
+        char* end =
+            PutNumber(PutText(PutNumber(other, u, 8, 16), "-0000-4000-8000-"), u * 7919, 12, 16);
+        *end = '\0';
+        AddText(volume, "uuid", other);
+        *PutNumber(other, (u + 1) << 30, 1, 10) = '\0';
+        AddText(volume, "size", other);
+        *PutNumber(other, u << 20, 1, 10) = '\0';
+        AddText(volume, "used", other);
         AddBool(volume, "online", i % 2 == 0);
         rk_elem_t* mount = AddElem(AddElem(volume, "mounts"), "mount");
-        snprintf(text, sizeof text, "node-%02lld", static_cast<long long>(i % 16));
-        AddText(mount, "node", text);
-        AddText(mount, "path", "/srv/" + name);
+        *PutNumber(PutText(other, "node-"), u % 16, 2, 10) = '\0';
+        AddText(mount, "node", other);
+        AddText(mount, "path", text);
         AddBool(mount, "read-only", i % 3 == 0);
     }
     return result;

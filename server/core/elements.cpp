@@ -71,17 +71,22 @@ std::string Decode(const char* wire) {
     if (wire == nullptr) {
         return out;
     }
-    for (const char* p = wire; *p != '\0';) {
-        if (*p == '&') {
-            const char* semi = strchr(p + 1, ';');
-            if (semi != nullptr && DecodeReference(std::string(p + 1, semi), &out)) {
-                p = semi + 1;
-                continue;
-            }
+    // Runs without references are copied whole.
+    for (const char* p = wire;;) {
+        const char* amp = strchr(p, '&');
+        if (amp == nullptr) {
+            out.append(p);
+            return out;
         }
-        out.push_back(*p++);
+        out.append(p, amp);
+        const char* semi = strchr(amp + 1, ';');
+        if (semi != nullptr && DecodeReference(std::string(amp + 1, semi), &out)) {
+            p = semi + 1;
+        } else {
+            out.push_back('&');
+            p = amp + 1;
+        }
     }
-    return out;
 }
 
 std::optional<std::string> Args::Text(const char* name) const {
@@ -155,8 +160,8 @@ ElemPtr NewFailed(const std::string& reason, int errnum) {
     return ElemPtr(Checked(rk_results_new_failed(reason.c_str(), errnum)));
 }
 
-rk_elem_t* AddText(rk_elem_t* parent, const char* name, const std::string& value) {
-    return Checked(rk_child_add_string(parent, name, value.c_str()));
+rk_elem_t* AddText(rk_elem_t* parent, const char* name, const char* value) {
+    return Checked(rk_child_add_string(parent, name, value));
 }
 
 rk_elem_t* AddElem(rk_elem_t* parent, const char* name) {

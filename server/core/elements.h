@@ -60,7 +60,10 @@ class Args {
 // allocate.
 ElemPtr NewPassed();
 ElemPtr NewFailed(const std::string& reason, int errnum);
-rk_elem_t* AddText(rk_elem_t* parent, const char* name, const std::string& value);
+rk_elem_t* AddText(rk_elem_t* parent, const char* name, const char* value);
+inline rk_elem_t* AddText(rk_elem_t* parent, const char* name, const std::string& value) {
+    return AddText(parent, name, value.c_str());
+}
 rk_elem_t* AddElem(rk_elem_t* parent, const char* name);
 
 // The XML text of a result as the HTTP front end sends it: a declaration, then the tree.

@@ -125,6 +125,8 @@ class ServiceCore {
     // Set-up.
     void AddApi(const std::string& name, Handler handler);
     void SetScript(std::unique_ptr<Script> script);
+    // Whether a script answers some calls (set up with SetScript).
+    bool scripted() const { return _script != nullptr; }
     // Publishes the APIs of a description (teza-gen --describe-out) beside the built-in ones.
     // False, with the reason in `error` and nothing published, when it cannot be read.
     bool AddDescription(const std::string& xml, const std::string& origin, std::string* error);

@@ -47,10 +47,14 @@ bool AcceptsGzip(const std::string& acceptEncoding) {
     return false;
 }
 
+int GzipLevel(size_t size) {
+    return size > kGzipFastAboveBytes ? Z_BEST_SPEED : Z_DEFAULT_COMPRESSION;
+}
+
 bool GzipCompress(const std::string& body, std::string* out) {
     z_stream stream = {};
     // 15 window bits, plus 16 for the gzip wrapper instead of zlib's.
-    if (deflateInit2(&stream, Z_DEFAULT_COMPRESSION, Z_DEFLATED, 15 + 16, 8, Z_DEFAULT_STRATEGY) !=
+    if (deflateInit2(&stream, GzipLevel(body.size()), Z_DEFLATED, 15 + 16, 8, Z_DEFAULT_STRATEGY) !=
         Z_OK) {
         return false;
     }

@@ -2,6 +2,8 @@
 #ifndef TEZAD_HTTP_GZIP_BODY_H_
 #define TEZAD_HTTP_GZIP_BODY_H_
 
+#include <stddef.h>
+
 #include <string>
 
 namespace tezad {
@@ -9,8 +11,17 @@ namespace tezad {
 // True when an Accept-Encoding value lists gzip (or x-gzip, or *) without q=0.
 bool AcceptsGzip(const std::string& acceptEncoding);
 
-// `body` in the gzip format, at zlib's default level; false (and `out` unspecified) when zlib
-// fails.
+// Bodies longer than this are compressed at zlib's fastest level instead of its default one.
+const size_t kGzipFastAboveBytes = 1u << 20;
+
+// The zlib level for a body of `size` bytes. Up to a mebibyte the default level costs a few
+// milliseconds at most and saves a fifth more of the bytes; above, the fastest level takes
+// less than half the time (62 ms against 145 for a 19 MB list of records) and still shrinks
+// the body about nine times (0.108 of it against 0.083).
+int GzipLevel(size_t size);
+
+// `body` in the gzip format, at GzipLevel(body.size()); false (and `out` unspecified) when
+// zlib fails.
 bool GzipCompress(const std::string& body, std::string* out);
 
 }  // namespace tezad

@@ -16,6 +16,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/time.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -27,6 +28,7 @@
 #include <utility>
 #include <vector>
 
+#include "call_request.h"
 #include "gzip_body.h"
 #include "metrics_text.h"
 
@@ -131,8 +133,10 @@ class Connection final : public httplib::Stream {
         return static_cast<ssize_t>(n);
     }
 
+    // Sending blocks for at most the socket's send time-out (SO_SNDTIMEO), so no poll is
+    // needed first.
     ssize_t write(const char* ptr, size_t size) override {
-        if (_aborted || !Poll(POLLOUT, _timeoutMs)) {
+        if (_aborted) {
             return -1;
         }
         if (_ssl != nullptr) {
@@ -142,17 +146,73 @@ class Connection final : public httplib::Stream {
         return ::send(_fd, ptr, size, MSG_NOSIGNAL);
     }
 
+    // cpp-httplib asks for both addresses with every request; they are the connection's.
     void get_remote_ip_and_port(std::string& ip, int& port) const override {
-        Address(getpeername, &ip, &port);
+        if (!_remote.known) {
+            _remote.known = true;
+            Address(getpeername, &_remote.ip, &_remote.port);
+        }
+        ip = _remote.ip;
+        port = _remote.port;
     }
     void get_local_ip_and_port(std::string& ip, int& port) const override {
-        Address(getsockname, &ip, &port);
+        if (!_local.known) {
+            _local.known = true;
+            Address(getsockname, &_local.ip, &_local.port);
+        }
+        ip = _local.ip;
+        port = _local.port;
     }
     int socket() const override { return _fd; }
 
     // Bytes of the next request already read from the socket.
     bool Buffered() const {
         return _offset < _length || (_ssl != nullptr && SSL_pending(_ssl) > 0);
+    }
+
+    // The bytes read and not yet consumed, after reading what has arrived when there are
+    // none; false when the connection ended or failed.
+    bool Peek(const char** data, size_t* size) {
+        if (_aborted || (_offset == _length && Fill() <= 0)) {
+            return false;
+        }
+        *data = _buffer + _offset;
+        *size = _length - _offset;
+        return true;
+    }
+    void Consume(size_t size) { _offset += std::min(size, _length - _offset); }
+
+    // Sends `head` and then `body` whole, in one system call where the socket takes them.
+    bool WriteAll(const std::string& head, const std::string& body) {
+        if (_aborted) {
+            return false;
+        }
+        if (_ssl != nullptr) {
+            return WriteAllTls(head, body);
+        }
+        struct iovec parts[2] = {{const_cast<char*>(head.data()), head.size()},
+                                 {const_cast<char*>(body.data()), body.size()}};
+        struct msghdr message = {};
+        message.msg_iov = parts;
+        message.msg_iovlen = 2;
+        while (message.msg_iovlen > 0) {
+            ssize_t n = ::sendmsg(_fd, &message, MSG_NOSIGNAL);
+            if (n <= 0) {
+                return false;
+            }
+            // Skips what was sent.
+            auto sent = static_cast<size_t>(n);
+            while (message.msg_iovlen > 0 && sent >= message.msg_iov->iov_len) {
+                sent -= message.msg_iov->iov_len;
+                ++message.msg_iov;
+                --message.msg_iovlen;
+            }
+            if (message.msg_iovlen > 0) {
+                message.msg_iov->iov_base = static_cast<char*>(message.msg_iov->iov_base) + sent;
+                message.msg_iov->iov_len -= sent;
+            }
+        }
+        return true;
     }
 
     // No more is written; Close drops the connection, or resets it when `reset`.
@@ -194,17 +254,37 @@ class Connection final : public httplib::Stream {
     }
 
   private:
+    // Over TLS a small answer goes out in one record with its head; a large one in the
+    // records of two writes.
+    bool WriteAllTls(const std::string& head, const std::string& body) {
+        if (body.size() <= sizeof _buffer) {
+            const std::string whole = head + body;
+            return WriteTls(whole.data(), whole.size());
+        }
+        return WriteTls(head.data(), head.size()) && WriteTls(body.data(), body.size());
+    }
+    bool WriteTls(const char* data, size_t size) {
+        while (size > 0) {
+            ssize_t n = write(data, size);
+            if (n <= 0) {
+                return false;
+            }
+            data += n;
+            size -= static_cast<size_t>(n);
+        }
+        return true;
+    }
+
     bool Poll(short events, int timeoutMs) const {
         struct pollfd p = {_fd, events, 0};
         return ::poll(&p, 1, timeoutMs) > 0;
     }
 
     // Reads what has arrived into the buffer: the count, 0 at the end, -1 on failure.
+    // Receiving blocks for at most the socket's receive time-out (SO_RCVTIMEO), so no poll is
+    // needed first.
     ssize_t Fill() {
         _offset = _length = 0;
-        if (!Buffered() && !Poll(POLLIN, _timeoutMs)) {
-            return -1;
-        }
         ssize_t n;
         if (_ssl != nullptr) {
             int got = SSL_read(_ssl, _buffer, sizeof _buffer);
@@ -251,8 +331,16 @@ class Connection final : public httplib::Stream {
         return n > 0 ? std::string(name, static_cast<size_t>(n)) : std::string();
     }
 
+    struct CachedAddress {
+        bool known = false;
+        std::string ip;
+        int port = 0;
+    };
+
     const int _fd;
     SSL* _ssl = nullptr;
+    mutable CachedAddress _remote;
+    mutable CachedAddress _local;
     ClientCertificate _certificate = ClientCertificate::None;
     std::string _certificateName;
     std::string _certificateProblem;
@@ -309,9 +397,10 @@ bool ParseInt(const std::string& text, int* out) {
     return true;
 }
 
-CallInfo ReadCallInfo(const httplib::Request& req) {
+// What a call's header fields say of it: its credentials, API version and server type.
+CallInfo ReadCallInfo(const std::string& auth, const std::string& version,
+                      const std::string& serverType) {
     CallInfo info;
-    const std::string auth = req.get_header_value("Authorization");
     if (auth.size() > 7 && strncasecmp(auth.c_str(), "Bearer ", 7) == 0) {
         info.hasToken = true;
         info.token = auth.substr(7);
@@ -324,12 +413,17 @@ CallInfo ReadCallInfo(const httplib::Request& req) {
             info.password = pair.substr(colon + 1);
         }
     }
-    const std::string version = req.get_header_value("X-Teza-Api-Version");
     const size_t dot = version.find('.');
     info.hasVersion = dot != std::string::npos && ParseInt(version.substr(0, dot), &info.major) &&
                       ParseInt(version.substr(dot + 1), &info.minor);
-    info.hasServerType = ParseInt(req.get_header_value("X-Teza-Server-Type"), &info.serverType);
+    info.hasServerType = ParseInt(serverType, &info.serverType);
     return info;
+}
+
+CallInfo ReadCallInfo(const httplib::Request& req) {
+    return ReadCallInfo(req.get_header_value("Authorization"),
+                        req.get_header_value("X-Teza-Api-Version"),
+                        req.get_header_value("X-Teza-Server-Type"));
 }
 
 SSL_CTX* NewTlsContext(const HttpOptions& o, std::string* error) {
@@ -381,7 +475,8 @@ class HttpFrontEnd::Server final : public httplib::Server {
     Server(ServiceCore* core, const HttpOptions& options)
         : _core(core),
           _certificateRequired(!options.clientCaFile.empty()),
-          _gzipAboveBytes(options.gzipAboveBytes) {
+          _gzipAboveBytes(options.gzipAboveBytes),
+          _keepAliveSeconds(options.keepAliveSeconds) {
         set_tcp_nodelay(true);
         set_keep_alive_max_count(kMaxCallsPerConnection);
         set_keep_alive_timeout(options.keepAliveSeconds);
@@ -399,6 +494,47 @@ class HttpFrontEnd::Server final : public httplib::Server {
 
     void SetPool(ConnectionPool* pool) { _pool = pool; }
 
+    enum class Served { NotTaken, Keep, Close };
+
+    uint64_t callsReadDirectly() const {
+        return _callsReadDirectly.load(std::memory_order_relaxed);
+    }
+
+    // Answers the next request of `c` when it is a call of the common shape (call_request.h)
+    // and its reply a plain result, as ServeRequest would answer it; NotTaken, with nothing
+    // read, otherwise. A connection that is about to be closed, and a server with a script,
+    // whose replies take other forms, are left to ServeRequest.
+    Served ServeCall(Connection& c, bool last) {
+        const char* data;
+        size_t size;
+        CallRequest request;
+        if (last || _core->scripted() || !c.Peek(&data, &size) ||
+            !ReadCallRequest(data, size, &request)) {
+            return Served::NotTaken;
+        }
+        c.Consume(request.size);
+        _callsReadDirectly.fetch_add(1, std::memory_order_relaxed);
+        ++c.requests;
+        c.CountCall();
+        CallInfo info = ReadCallInfo(request.authorization.value, request.apiVersion.value,
+                                     request.serverType.value);
+        info.certificateRequired = _certificateRequired;
+        c.DescribeCertificate(&info);
+        Reply reply = _core->Handle(info, request.body, request.bodyLength);
+        if (reply.kind != Reply::Kind::Result || !CallResponseStatus(reply.httpStatus)) {
+            return Served::Close;  // not a reply of a server without a script
+        }
+        // The answer's tree is freed once the answer has left (with `reply`): freeing a large
+        // one takes a while, which the client then spends reading.
+        std::string body = ToXml(reply.result.get());
+        const bool gzip = Compress(request.acceptEncoding.value, &body);
+        const bool sent = c.WriteAll(CallResponseHead(reply.httpStatus, gzip, body.size(),
+                                                      _keepAliveSeconds, kMaxCallsPerConnection),
+                                     body);
+        c.MarkIdle();
+        return sent ? Served::Keep : Served::Close;
+    }
+
     // Reads one request from `c` and answers it; false when the connection is to be closed.
     bool ServeRequest(Connection& c, bool last) {
         bool closedByClient = false;
@@ -413,11 +549,14 @@ class HttpFrontEnd::Server final : public httplib::Server {
     bool process_and_close_socket(socket_t sock) override;
     void Answer(const httplib::Request& req, httplib::Response& res);
     void SetXml(const httplib::Request& req, std::string xml, httplib::Response& res) const;
+    bool Compress(const std::string& acceptEncoding, std::string* xml) const;
 
     ServiceCore* const _core;
     const bool _certificateRequired;  // --client-ca: calls need a verified certificate
     const size_t _gzipAboveBytes;
+    const int _keepAliveSeconds;
     ConnectionPool* _pool = nullptr;
+    std::atomic<uint64_t> _callsReadDirectly{0};
 };
 
 // The workers and the watcher of parked connections. Every connection is owned by exactly
@@ -570,10 +709,21 @@ class HttpFrontEnd::ConnectionPool {
                 case Next::Request:
                     break;
             }
-            tConnection = c.get();
-            bool keep =
-                _server->ServeRequest(*c, Stopping() || c->requests + 1 >= kMaxCallsPerConnection);
-            tConnection = nullptr;
+            const bool last = Stopping() || c->requests + 1 >= kMaxCallsPerConnection;
+            bool keep;
+            switch (_server->ServeCall(*c, last)) {
+                case Server::Served::Keep:
+                    keep = true;
+                    break;
+                case Server::Served::Close:
+                    keep = false;
+                    break;
+                case Server::Served::NotTaken:
+                    tConnection = c.get();
+                    keep = _server->ServeRequest(*c, last);
+                    tConnection = nullptr;
+                    break;
+            }
             if (!keep) {
                 Close(std::move(c));
                 return;
@@ -775,15 +925,23 @@ void HttpFrontEnd::Server::Answer(const httplib::Request& req, httplib::Response
 // only above the threshold, where the saving outweighs the work on both sides.
 void HttpFrontEnd::Server::SetXml(const httplib::Request& req, std::string xml,
                                   httplib::Response& res) const {
-    std::string compressed;
-    if (_gzipAboveBytes > 0 && xml.size() > _gzipAboveBytes &&
-        AcceptsGzip(req.get_header_value("Accept-Encoding")) && GzipCompress(xml, &compressed)) {
+    if (Compress(req.get_header_value("Accept-Encoding"), &xml)) {
         res.set_header("Content-Encoding", "gzip");
-        res.body = std::move(compressed);
-    } else {
-        res.body = std::move(xml);
     }
+    res.body = std::move(xml);
     res.set_header("Content-Type", kXml);
+}
+
+// Replaces `xml` by its gzip form when it is above the threshold and the client accepts gzip;
+// true when it did.
+bool HttpFrontEnd::Server::Compress(const std::string& acceptEncoding, std::string* xml) const {
+    std::string compressed;
+    if (_gzipAboveBytes == 0 || xml->size() <= _gzipAboveBytes || !AcceptsGzip(acceptEncoding) ||
+        !GzipCompress(*xml, &compressed)) {
+        return false;
+    }
+    *xml = std::move(compressed);
+    return true;
 }
 
 HttpFrontEnd::HttpFrontEnd(ServiceCore* core, HttpOptions options)
@@ -869,6 +1027,10 @@ std::string HttpFrontEnd::url() const {
                            : _options.address;
     return std::string(_options.certFile.empty() ? "http://" : "https://") + host + ":" +
            std::to_string(_port);
+}
+
+uint64_t HttpFrontEnd::callsReadDirectly() const {
+    return _server != nullptr ? _server->callsReadDirectly() : 0;
 }
 
 void HttpFrontEnd::Stop() {

@@ -14,6 +14,7 @@
 #define TEZAD_HTTP_HTTP_FRONT_END_H_
 
 #include <stddef.h>
+#include <stdint.h>
 
 #include <atomic>
 #include <memory>
@@ -57,6 +58,8 @@ class HttpFrontEnd {
     int port() const { return _port; }
     // "http://127.0.0.1:PORT", "https://..." or "unix:PATH".
     std::string url() const;
+    // Calls read and answered without cpp-httplib since the start (call_request.h).
+    uint64_t callsReadDirectly() const;
     // Stops accepting, ends scripted delays, closes every connection once its call in
     // progress is answered, and waits for the serving threads.
     void Stop();

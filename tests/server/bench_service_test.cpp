@@ -2,6 +2,7 @@
 // field of its request, and bench-volumes answers with the volumes asked for.
 
 #include <gtest/gtest.h>
+#include <stdio.h>
 
 #include <string>
 
@@ -106,6 +107,34 @@ TEST_F(BenchServiceTest, VolumesAnswersTheCountAskedFor) {
     EXPECT_EQ(Text(mount, "node"), "node-01");
     EXPECT_EQ(Text(mount, "path"), "/srv/volume-000001");
     EXPECT_EQ(Text(mount, "read-only"), "false");
+}
+
+// Every text of every volume, against the formats the service documents, written here with
+// printf's conversions.
+TEST_F(BenchServiceTest, VolumesHoldTheDocumentedTexts) {
+    const long count = 300;
+    Reply reply = Send("<bench-volumes><count>300</count></bench-volumes>");
+    rk_elem_t* volumes = rk_elem_child(reply.result.get(), "volumes");
+    ASSERT_NE(volumes, nullptr);
+    ASSERT_EQ(rk_elem_child_count(volumes), static_cast<size_t>(count));
+    rk_iterator_t it = rk_child_iterator(volumes);
+    char text[128];
+    for (long long i = 0; i < count; ++i) {
+        rk_elem_t* volume = rk_iterator_next(&it);
+        snprintf(text, sizeof text, "volume-%06lld", i);
+        const std::string name = text;
+        EXPECT_EQ(Text(volume, "name"), name);
+        snprintf(text, sizeof text, "%08llx-0000-4000-8000-%012llx", i, i * 7919);
+        EXPECT_EQ(Text(volume, "uuid"), text);
+        EXPECT_EQ(Text(volume, "size"), std::to_string((i + 1) << 30));
+        EXPECT_EQ(Text(volume, "used"), std::to_string(i << 20));
+        EXPECT_EQ(Text(volume, "online"), i % 2 == 0 ? "true" : "false");
+        rk_elem_t* mount = rk_elem_child(rk_elem_child(volume, "mounts"), "mount");
+        snprintf(text, sizeof text, "node-%02lld", i % 16);
+        EXPECT_EQ(Text(mount, "node"), text);
+        EXPECT_EQ(Text(mount, "path"), "/srv/" + name);
+        EXPECT_EQ(Text(mount, "read-only"), i % 3 == 0 ? "true" : "false");
+    }
 }
 
 TEST_F(BenchServiceTest, VolumesRefusesACountOutOfRange) {

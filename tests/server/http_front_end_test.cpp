@@ -1,0 +1,297 @@
+// tezad's HTTP front end reads calls of the common shape itself and leaves every other request
+// to cpp-httplib: both give the same bytes for the same call, whatever the reply (passed,
+// refused, malformed, compressed); the reader takes only what it can read exactly as
+// cpp-httplib would; and large answers are compressed at zlib's fastest level.
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+#include <zlib.h>
+
+#include <string>
+#include <vector>
+
+#include "bench_service.h"
+#include "call_request.h"
+#include "gzip_body.h"
+#include "http_front_end.h"
+#include "service_core.h"
+
+namespace tezad {
+namespace {
+
+const char kHead[] =
+    "POST /teza HTTP/1.1\r\n"
+    "Host: 127.0.0.1:4000\r\n"
+    "User-Agent: librk/0.1.0\r\n"
+    "Accept-Encoding: gzip\r\n"
+    "Content-Type: application/xml; charset=utf-8\r\n"
+    "Accept: application/xml\r\n"
+    "X-Teza-Api-Version: 1.0\r\n"
+    "X-Teza-Server-Type: 1\r\n";
+
+// A request of the shape librk sends, with `extra` header lines before Content-Length.
+std::string Request(const std::string& body, const std::string& extra = "") {
+    return kHead + extra + "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+}
+
+std::string Call(const std::string& api, const std::string& children = "") {
+    return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<" + api + ">" + children + "</" + api +
+           ">\n";
+}
+
+TEST(CallRequest, ReadsTheRequestLibrkSends) {
+    const std::string body = Call("system-get-corvi-version");
+    const std::string text = Request(body, "Authorization: Basic YWRtaW46c2VjcmV0\r\n") + "POST";
+    CallRequest request;
+    ASSERT_TRUE(ReadCallRequest(text.data(), text.size(), &request));
+    EXPECT_EQ(request.size, text.size() - 4);  // the next request's bytes are left
+    EXPECT_EQ(std::string(request.body, request.bodyLength), body);
+    EXPECT_EQ(request.authorization.value, "Basic YWRtaW46c2VjcmV0");
+    EXPECT_EQ(request.apiVersion.value, "1.0");
+    EXPECT_EQ(request.serverType.value, "1");
+    EXPECT_EQ(request.acceptEncoding.value, "gzip");
+    // Names in any case, spaces and tabs around values, as cpp-httplib reads them.
+    const std::string loose =
+        "POST /teza HTTP/1.1\r\ncontent-length:2\r\nx-teza-api-version: \t1.3 "
+        "\t\r\n\r\nab";
+    ASSERT_TRUE(ReadCallRequest(loose.data(), loose.size(), &request));
+    EXPECT_EQ(request.apiVersion.value, "1.3");
+    EXPECT_FALSE(request.serverType.present);
+    EXPECT_EQ(std::string(request.body, request.bodyLength), "ab");
+}
+
+TEST(CallRequest, LeavesEveryOtherRequestToTheHttpLibrary) {
+    const std::string body = Call("system-get-corvi-version");
+    const std::string whole = Request(body);
+    const std::vector<std::string> others = {
+        "GET /teza HTTP/1.1\r\nContent-Length: 0\r\n\r\n",
+        "POST /teza?x=1 HTTP/1.1\r\nContent-Length: 0\r\n\r\n",
+        "POST /teza HTTP/1.0\r\nContent-Length: 0\r\n\r\n",
+        "POST /teza HTTP/1.1\r\n\r\n",                          // no Content-Length
+        "POST /teza HTTP/1.1\r\nContent-Length: 1x\r\n\r\n1x",  // not a number
+        "POST /teza HTTP/1.1\r\nContent-Length: 1\r\nContent-Length: 1\r\n\r\nx",
+        "POST /teza HTTP/1.1\nContent-Length: 0\n\n",                   // LF alone
+        "POST /teza HTTP/1.1\r\nContent-Length : 0\r\n\r\n",            // a space in the name
+        "POST /teza HTTP/1.1\r\nContent-Length: 0\r\nAccept:\r\n\r\n",  // an empty value
+        Request(body, "Connection: close\r\n"),
+        Request(body, "Expect: 100-continue\r\n"),
+        Request(body, "Transfer-Encoding: chunked\r\n"),
+        Request(body, "Content-Encoding: gzip\r\n"),
+        Request(body, "Range: bytes=0-10\r\n"),
+        Request(body, "X-Other: 1\r\n"),
+        Request(body, "Authorization: Bearer a%41\r\n"),  // cpp-httplib decodes the escape
+        Request(body, "Authorization: Bearer a\r\nAuthorization: Bearer b\r\n"),
+        Request(body, "X-Teza-Api-Version: 1.0\r\n"),  // repeated
+        Request(body, "User-Agent: a\x01z\r\n"),
+        Request(body, "Accept: " + std::string(kCallRequestMaxHead, 'a') + "\r\n"),
+        whole.substr(0, whole.size() - 1),  // the body not all here yet
+        whole.substr(0, whole.find("\r\n\r\n") + 2),
+    };
+    for (const std::string& text : others) {
+        CallRequest request;
+        EXPECT_FALSE(ReadCallRequest(text.data(), text.size(), &request)) << text;
+    }
+}
+
+// Every prefix of a request is incomplete; bytes changed anywhere never make the reader look
+// outside the bytes it was given (ASan checks every read) nor place the body outside them.
+TEST(CallRequest, PrefixesAndChangedBytesStayWithinTheGivenBytes) {
+    const std::string text =
+        Request(Call("bench-call", "<note>a &amp; b</note>"), "Authorization: Bearer t\r\n");
+    CallRequest request;
+    ASSERT_TRUE(ReadCallRequest(text.data(), text.size(), &request));
+    for (size_t n = 0; n < text.size(); ++n) {
+        const std::vector<char> prefix(text.begin(), text.begin() + static_cast<long>(n));
+        EXPECT_FALSE(ReadCallRequest(prefix.data(), prefix.size(), &request)) << n;
+    }
+    size_t accepted = 0;
+    for (size_t at = 0; at < text.size(); ++at) {
+        for (char c : {'\0', '\r', '\n', ':', '%', ' ', '9', 'x'}) {
+            std::vector<char> changed(text.begin(), text.end());
+            changed[at] = c;
+            if (ReadCallRequest(changed.data(), changed.size(), &request)) {
+                ++accepted;
+                EXPECT_LE(request.size, changed.size());
+                EXPECT_GE(request.body, changed.data());
+                EXPECT_EQ(request.body + request.bodyLength, changed.data() + request.size);
+            }
+        }
+    }
+    EXPECT_GT(accepted, 0u);  // changes in the body and in the values keep it a call
+}
+
+TEST(CallRequest, HeadsAreTheOnesTheHttpLibraryWrites) {
+    EXPECT_EQ(CallResponseHead(200, false, 12, 30, 100000),
+              "HTTP/1.1 200 OK\r\n"
+              "Content-Length: 12\r\n"
+              "Content-Type: application/xml; charset=utf-8\r\n"
+              "Keep-Alive: timeout=30, max=100000\r\n\r\n");
+    EXPECT_EQ(CallResponseHead(401, true, 7, 5, 9),
+              "HTTP/1.1 401 Unauthorized\r\n"
+              "Content-Encoding: gzip\r\n"
+              "Content-Length: 7\r\n"
+              "Content-Type: application/xml; charset=utf-8\r\n"
+              "Keep-Alive: timeout=5, max=9\r\n"
+              "WWW-Authenticate: Basic realm=\"teza\"\r\n\r\n");
+    EXPECT_TRUE(CallResponseStatus(400));
+    EXPECT_FALSE(CallResponseStatus(503));
+}
+
+// A client of a front end on a raw connection: sends bytes, reads whole answers.
+class RawClient {
+  public:
+    explicit RawClient(int port) {
+        _fd = socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in address = {};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(static_cast<uint16_t>(port));
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        EXPECT_EQ(connect(_fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+        timeval timeout = {10, 0};
+        setsockopt(_fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+    }
+    ~RawClient() { close(_fd); }
+
+    void Send(const std::string& bytes) {
+        ASSERT_EQ(send(_fd, bytes.data(), bytes.size(), MSG_NOSIGNAL),
+                  static_cast<ssize_t>(bytes.size()));
+    }
+
+    // One answer, head and body, by its Content-Length; empty when the connection ends first.
+    std::string Answer() {
+        for (;;) {
+            const size_t end = _pending.find("\r\n\r\n");
+            if (end != std::string::npos) {
+                const size_t at = _pending.find("Content-Length: ");
+                const size_t length =
+                    at != std::string::npos && at < end ? std::stoul(_pending.substr(at + 16)) : 0;
+                if (_pending.size() >= end + 4 + length) {
+                    std::string answer = _pending.substr(0, end + 4 + length);
+                    _pending.erase(0, answer.size());
+                    return answer;
+                }
+            }
+            char buffer[65536];
+            ssize_t n = recv(_fd, buffer, sizeof buffer, 0);
+            if (n <= 0) {
+                return "";
+            }
+            _pending.append(buffer, static_cast<size_t>(n));
+        }
+    }
+
+  private:
+    int _fd;
+    std::string _pending;
+};
+
+class FrontEnd : public ::testing::Test {
+  protected:
+    void Start(CoreOptions options) {
+        _core = std::make_unique<ServiceCore>(std::move(options));
+        BenchService::Install(_core.get());
+        _frontEnd = std::make_unique<HttpFrontEnd>(_core.get(), HttpOptions());
+        std::string error;
+        ASSERT_TRUE(_frontEnd->Start(&error)) << error;
+    }
+
+    // The answer to `body` sent as a call of the common shape, and to the same with a header
+    // field that leaves it to cpp-httplib, on one connection.
+    void ExpectSameAnswers(const std::string& body, const std::string& fields,
+                           const std::string& expectedStatusLine) {
+        RawClient client(_frontEnd->port());
+        client.Send(Request(body, fields));
+        const std::string direct = client.Answer();
+        client.Send(Request(body, fields + "X-Other: 1\r\n"));
+        const std::string library = client.Answer();
+        EXPECT_EQ(direct.substr(0, expectedStatusLine.size()), expectedStatusLine) << direct;
+        EXPECT_EQ(direct, library);
+        EXPECT_EQ(_frontEnd->callsReadDirectly(), ++_direct);
+    }
+
+    uint64_t _direct = 0;
+
+    std::unique_ptr<ServiceCore> _core;
+    std::unique_ptr<HttpFrontEnd> _frontEnd;
+};
+
+TEST_F(FrontEnd, CallsOfTheCommonShapeGetTheHttpLibrarysBytes) {
+    Start(CoreOptions());
+    ExpectSameAnswers(Call("system-get-corvi-version"), "", "HTTP/1.1 200 OK\r\n");
+    // Above the gzip threshold, compressed.
+    ExpectSameAnswers(Call("bench-volumes", "<count>100</count>"), "", "HTTP/1.1 200 OK\r\n");
+    // A failed result under 200, and an unreadable request under 400.
+    ExpectSameAnswers(Call("no-such-api"), "", "HTTP/1.1 200 OK\r\n");
+    ExpectSameAnswers("<?xml version=\"1.0\"?>\n<unclosed>", "", "HTTP/1.1 400 Bad Request\r\n");
+}
+
+TEST_F(FrontEnd, RefusalsGetTheHttpLibrarysBytes) {
+    CoreOptions options;
+    options.users["admin"] = "secret";
+    Start(options);
+    ExpectSameAnswers(Call("system-get-corvi-version"), "", "HTTP/1.1 401 Unauthorized\r\n");
+    ExpectSameAnswers(Call("system-get-corvi-version"), "Authorization: Basic YWRtaW46d3Jvbmc=\r\n",
+                      "HTTP/1.1 401 Unauthorized\r\n");
+    ExpectSameAnswers(Call("system-get-corvi-version"), "Authorization: Basic YWRtaW46c2VjcmV0\r\n",
+                      "HTTP/1.1 200 OK\r\n");
+}
+
+TEST_F(FrontEnd, CallsSentTogetherAreAnsweredInOrder) {
+    Start(CoreOptions());
+    RawClient client(_frontEnd->port());
+    client.Send(Request(Call("bench-volumes", "<count>1</count>")) +
+                Request(Call("bench-volumes", "<count>2</count>")) +
+                Request(Call("system-get-corvi-version"), "X-Other: 1\r\n"));
+    const std::string first = client.Answer();
+    const std::string second = client.Answer();
+    const std::string third = client.Answer();
+    EXPECT_NE(first.find("volume-000000"), std::string::npos);
+    EXPECT_EQ(first.find("volume-000001"), std::string::npos);
+    EXPECT_NE(second.find("volume-000001"), std::string::npos);
+    EXPECT_NE(third.find("<major-version>1</major-version>"), std::string::npos) << third;
+    EXPECT_EQ(_core->GetCounters().calls, 3u);
+    EXPECT_EQ(_frontEnd->callsReadDirectly(), 2u);
+}
+
+// The XFL byte of a gzip header: 4 when zlib compressed at its fastest level, 0 at its
+// default level.
+int ExtraFlags(const std::string& gzip) {
+    return gzip.size() > 8 ? static_cast<unsigned char>(gzip[8]) : -1;
+}
+
+std::string Gunzip(const std::string& gzip, size_t size) {
+    std::string out(size + 1, '\0');
+    z_stream stream = {};
+    EXPECT_EQ(inflateInit2(&stream, 15 + 16), Z_OK);
+    stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(gzip.data()));
+    stream.avail_in = static_cast<uInt>(gzip.size());
+    stream.next_out = reinterpret_cast<Bytef*>(&out[0]);
+    stream.avail_out = static_cast<uInt>(out.size());
+    EXPECT_EQ(inflate(&stream, Z_FINISH), Z_STREAM_END);
+    out.resize(stream.total_out);
+    inflateEnd(&stream);
+    return out;
+}
+
+TEST(GzipBody, LargeBodiesAreCompressedAtTheFastestLevel) {
+    std::string text;
+    for (int i = 0; text.size() <= kGzipFastAboveBytes; ++i) {
+        text += "<volume><name>volume-" + std::to_string(i) + "</name></volume>\n";
+    }
+    std::string large;
+    ASSERT_TRUE(GzipCompress(text, &large));
+    EXPECT_EQ(ExtraFlags(large), 4);
+    EXPECT_EQ(Gunzip(large, text.size()), text);
+    EXPECT_LT(large.size(), text.size() / 5);
+
+    const std::string smaller = text.substr(0, kGzipFastAboveBytes);
+    std::string small;
+    ASSERT_TRUE(GzipCompress(smaller, &small));
+    EXPECT_EQ(ExtraFlags(small), 0);
+    EXPECT_EQ(Gunzip(small, smaller.size()), smaller);
+}
+
+}  // namespace
+}  // namespace tezad
