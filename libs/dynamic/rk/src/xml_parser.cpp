@@ -111,82 +111,95 @@ bool IsXmlChar(uint32_t c) {
            (c >= 0xE000 && c <= 0xFFFD) || (c >= 0x10000 && c <= 0x10FFFF);
 }
 
+// The first byte from p on that is not printable ASCII (0x20 to 0x7F), or end. Printable
+// ASCII is the bulk of any document, so it is skipped eight bytes at a time: a word passes when
+// no byte has its high bit set and none is below 0x20 (subtracting 0x20 from such a byte
+// borrows into its high bit; bytes of 0x20 to 0x7F never borrow).
+const unsigned char* SkipPrintableAscii(const unsigned char* p, const unsigned char* end) {
+#if defined(__SSE2__)
+    // Sixteen at a time where SSE2 is at hand: as signed bytes, both those below 0x20 and
+    // those of 0x80 and above are less than 0x20; line feeds among them pass.
+    while (end - p >= 16) {
+        const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+        const int outside = _mm_movemask_epi8(_mm_cmplt_epi8(v, _mm_set1_epi8(0x20)));
+        if (outside != 0 &&
+            (outside & ~_mm_movemask_epi8(_mm_cmpeq_epi8(v, _mm_set1_epi8('\n')))) != 0) {
+            break;
+        }
+        p += 16;
+    }
+#endif
+    while (end - p >= 8) {
+        const uint64_t word = Load8(p);
+        if (((word | (word - 0x2020202020202020u)) & 0x8080808080808080u) != 0) {
+            break;
+        }
+        p += 8;
+    }
+    while (p < end && *p >= 0x20 && *p < 0x80) {
+        ++p;
+    }
+    return p;
+}
+
+// The length of the well-formed UTF-8 sequence of an XML character that starts at p (a byte of
+// 0x80 or more), or 0 with the reason in *why. Well-formed is Unicode's table 3-7, without
+// surrogates; U+FFFE and U+FFFF are not XML characters.
+size_t Utf8SequenceLength(const unsigned char* p, const unsigned char* end, const char** why) {
+    const unsigned char c = *p;
+    size_t n = 0;
+    unsigned char low = 0x80;
+    unsigned char high = 0xBF;
+    if (c >= 0xC2 && c <= 0xDF) {
+        n = 1;
+    } else if (c >= 0xE0 && c <= 0xEF) {
+        n = 2;
+        low = c == 0xE0 ? 0xA0 : 0x80;
+        high = c == 0xED ? 0x9F : 0xBF;
+    } else if (c >= 0xF0 && c <= 0xF4) {
+        n = 3;
+        low = c == 0xF0 ? 0x90 : 0x80;
+        high = c == 0xF4 ? 0x8F : 0xBF;
+    } else {
+        *why = "invalid UTF-8";
+        return 0;
+    }
+    if (static_cast<size_t>(end - p) <= n || p[1] < low || p[1] > high) {
+        *why = "invalid UTF-8";
+        return 0;
+    }
+    for (size_t i = 2; i <= n; ++i) {
+        if (p[i] < 0x80 || p[i] > 0xBF) {
+            *why = "invalid UTF-8";
+            return 0;
+        }
+    }
+    if (c == 0xEF && p[1] == 0xBF && (p[2] == 0xBE || p[2] == 0xBF)) {
+        *why = "a character that is not an XML character";
+        return 0;
+    }
+    return n + 1;
+}
+
 // Checks the bytes from `p` to `end`, stopping at the first bad one (returned) or at `end`.
 // `why` says what is wrong.
 const unsigned char* FirstBadChar(const unsigned char* p, const unsigned char* end,
                                   const char** why) {
-    while (p < end) {
-        // Printable ASCII, the bulk of any document, eight bytes at a time: a word passes when
-        // no byte has its high bit set and none is below 0x20 (subtracting 0x20 from such a
-        // byte borrows into its high bit; bytes of 0x20 to 0x7F never borrow).
-#if defined(__SSE2__)
-        // Sixteen at a time where SSE2 is at hand: as signed bytes, both those below 0x20 and
-        // those of 0x80 and above are less than 0x20; line feeds among them pass.
-        while (end - p >= 16) {
-            const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
-            const int outside = _mm_movemask_epi8(_mm_cmplt_epi8(v, _mm_set1_epi8(0x20)));
-            if (outside != 0 &&
-                (outside & ~_mm_movemask_epi8(_mm_cmpeq_epi8(v, _mm_set1_epi8('\n')))) != 0) {
-                break;
-            }
-            p += 16;
-        }
-#endif
-        while (end - p >= 8) {
-            const uint64_t word = Load8(p);
-            if (((word | (word - 0x2020202020202020u)) & 0x8080808080808080u) != 0) {
-                break;
-            }
-            p += 8;
-        }
-        while (p < end && *p >= 0x20 && *p < 0x80) {
+    while ((p = SkipPrintableAscii(p, end)) < end) {
+        const unsigned char c = *p;
+        if (c == '\t' || c == '\n' || c == '\r') {
             ++p;
+            continue;
         }
-        if (p == end) {
-            break;
-        }
-        unsigned char c = *p;
         if (c < 0x80) {
-            if (c == '\t' || c == '\n' || c == '\r') {
-                ++p;
-                continue;
-            }
             *why = c == 0 ? "a NUL byte" : "a control character";
             return p;
         }
-        // The well-formed UTF-8 sequences (Unicode's table 3-7), without surrogates.
-        size_t n = 0;
-        unsigned char low = 0x80;
-        unsigned char high = 0xBF;
-        if (c >= 0xC2 && c <= 0xDF) {
-            n = 1;
-        } else if (c >= 0xE0 && c <= 0xEF) {
-            n = 2;
-            low = c == 0xE0 ? 0xA0 : 0x80;
-            high = c == 0xED ? 0x9F : 0xBF;
-        } else if (c >= 0xF0 && c <= 0xF4) {
-            n = 3;
-            low = c == 0xF0 ? 0x90 : 0x80;
-            high = c == 0xF4 ? 0x8F : 0xBF;
-        } else {
-            *why = "invalid UTF-8";
+        const size_t length = Utf8SequenceLength(p, end, why);
+        if (length == 0) {
             return p;
         }
-        if (static_cast<size_t>(end - p) <= n || p[1] < low || p[1] > high) {
-            *why = "invalid UTF-8";
-            return p;
-        }
-        for (size_t i = 2; i <= n; ++i) {
-            if (p[i] < 0x80 || p[i] > 0xBF) {
-                *why = "invalid UTF-8";
-                return p;
-            }
-        }
-        if (c == 0xEF && p[1] == 0xBF && (p[2] == 0xBE || p[2] == 0xBF)) {
-            *why = "a character that is not an XML character";
-            return p;
-        }
-        p += n + 1;
+        p += length;
     }
     return end;
 }
