@@ -30,15 +30,6 @@ const char kNode[] = "bench-count-node";
 
 using Body = std::function<void()>;
 
-// Built once by the case's set-up and kept alive for its body.
-struct MappingState {
-    bench::Record20 record;
-    Record20Data data;
-    bench::Batch batch;
-    std::vector<ItemData> items;
-    ElemPtr tree;
-};
-
 __attribute__((noinline)) void MeasuredLoop(const Body& body, long iterations) {
     for (long i = 0; i < iterations; ++i) {
         body();
@@ -53,62 +44,65 @@ void Fail(const TezaStatus& status) {
     Die("call failed: " + status.reason);
 }
 
-Body Record20Case(bool write, bool runtime, std::shared_ptr<MappingState> state) {
-    state->data = MakeRecord20Data();
-    state->record = ToRecord(state->data);
+// One shape of the mapping benchmarks: its generated record and the plain data it holds, with
+// the hand-written code that writes and reads that data. Built once by the case's set-up and
+// kept alive for its body.
+template <typename Record, typename Data>
+struct MappingShape {
+    const char* root;
+    void (*writeByHand)(rk_elem_t*, const Data&);
+    void (*readByHand)(rk_elem_t*, Data*);
+    Data data;
+    Record record;
+    ElemPtr tree;  // what the reading cases read
+};
+
+template <typename Record, typename Data>
+Body MappingCase(bool write, bool runtime, std::shared_ptr<MappingShape<Record, Data>> shape) {
     if (write && runtime) {
-        return [state] {
-            ElemPtr elem = NewElem("record20");
-            state->record.constructRkChildElement(elem.get());
+        return [shape] {
+            ElemPtr elem = NewElem(shape->root);
+            shape->record.constructRkChildElement(elem.get());
         };
     }
     if (write) {
-        return [state] {
-            ElemPtr elem = NewElem("record20");
-            WriteRecord20(elem.get(), state->data);
+        return [shape] {
+            ElemPtr elem = NewElem(shape->root);
+            shape->writeByHand(elem.get(), shape->data);
         };
     }
-    state->tree = NewElem("record20");
-    WriteRecord20(state->tree.get(), state->data);
+    shape->tree = NewElem(shape->root);
+    shape->writeByHand(shape->tree.get(), shape->data);
     if (runtime) {
-        return [state] {
-            bench::Record20 record;
-            record.parseRkChildElement(state->tree.get());
+        return [shape] {
+            Record record;
+            record.parseRkChildElement(shape->tree.get());
         };
     }
-    return [state] {
-        Record20Data data;
-        ReadRecord20(state->tree.get(), &data);
+    return [shape] {
+        Data data;
+        shape->readByHand(shape->tree.get(), &data);
     };
 }
 
-Body BatchCase(bool write, bool runtime, std::shared_ptr<MappingState> state) {
-    state->items = MakeItems(kItems);
-    state->batch = ToBatch(state->items);
-    if (write && runtime) {
-        return [state] {
-            ElemPtr elem = NewElem("batch");
-            state->batch.constructRkChildElement(elem.get());
-        };
-    }
-    if (write) {
-        return [state] {
-            ElemPtr elem = NewElem("batch");
-            WriteBatch(elem.get(), state->items);
-        };
-    }
-    state->tree = NewElem("batch");
-    WriteBatch(state->tree.get(), state->items);
-    if (runtime) {
-        return [state] {
-            bench::Batch batch;
-            batch.parseRkChildElement(state->tree.get());
-        };
-    }
-    return [state] {
-        std::vector<ItemData> items;
-        ReadBatch(state->tree.get(), &items);
-    };
+Body Record20Case(bool write, bool runtime) {
+    auto shape = std::make_shared<MappingShape<bench::Record20, Record20Data>>();
+    shape->root = "record20";
+    shape->writeByHand = WriteRecord20;
+    shape->readByHand = ReadRecord20;
+    shape->data = MakeRecord20Data();
+    shape->record = ToRecord(shape->data);
+    return MappingCase(write, runtime, shape);
+}
+
+Body BatchCase(bool write, bool runtime) {
+    auto shape = std::make_shared<MappingShape<bench::Batch, std::vector<ItemData>>>();
+    shape->root = "batch";
+    shape->writeByHand = WriteBatch;
+    shape->readByHand = ReadBatch;
+    shape->data = MakeItems(kItems);
+    shape->record = ToBatch(shape->data);
+    return MappingCase(write, runtime, shape);
 }
 
 void RegisterNode() {
@@ -184,16 +178,15 @@ Body EchoReferenceCase() {
 }
 
 Body MakeCase(const std::string& name) {
-    auto state = std::make_shared<MappingState>();
     const std::map<std::string, std::function<Body()>> cases = {
-        {"mapping/record20_write/runtime", [&] { return Record20Case(true, true, state); }},
-        {"mapping/record20_write/reference", [&] { return Record20Case(true, false, state); }},
-        {"mapping/record20_read/runtime", [&] { return Record20Case(false, true, state); }},
-        {"mapping/record20_read/reference", [&] { return Record20Case(false, false, state); }},
-        {"mapping/batch10000_write/runtime", [&] { return BatchCase(true, true, state); }},
-        {"mapping/batch10000_write/reference", [&] { return BatchCase(true, false, state); }},
-        {"mapping/batch10000_read/runtime", [&] { return BatchCase(false, true, state); }},
-        {"mapping/batch10000_read/reference", [&] { return BatchCase(false, false, state); }},
+        {"mapping/record20_write/runtime", [] { return Record20Case(true, true); }},
+        {"mapping/record20_write/reference", [] { return Record20Case(true, false); }},
+        {"mapping/record20_read/runtime", [] { return Record20Case(false, true); }},
+        {"mapping/record20_read/reference", [] { return Record20Case(false, false); }},
+        {"mapping/batch10000_write/runtime", [] { return BatchCase(true, true); }},
+        {"mapping/batch10000_write/reference", [] { return BatchCase(true, false); }},
+        {"mapping/batch10000_read/runtime", [] { return BatchCase(false, true); }},
+        {"mapping/batch10000_read/reference", [] { return BatchCase(false, false); }},
         {"invocation/ping_inprocess/runtime", PingRuntimeCase},
         {"invocation/ping_inprocess/reference", PingReferenceCase},
         {"invocation/echo_inprocess/runtime", EchoRuntimeCase},
