@@ -111,10 +111,26 @@ void RegisterNode() {
     }
 }
 
-Body PingRuntimeCase() {
+// The generated interface over the in-process echo server, as the runtime's side calls it.
+std::shared_ptr<bench::BenchInterface> InProcessInterface() {
     RegisterNode();
-    auto api = std::make_shared<bench::BenchInterface>(
+    return std::make_shared<bench::BenchInterface>(
         Descriptor(kNode, TezaServerConnection::TRANSPORT_IN_PROCESS, 0));
+}
+
+// A handle on the in-process echo server, opened and probed once, as the reference keeps it.
+std::shared_ptr<rk_server_t> ProbedInProcessHandle() {
+    RegisterNode();
+    std::shared_ptr<rk_server_t> server(OpenHandle(kNode, RK_TRANSPORT_IN_PROCESS, 0).release(),
+                                        ServerClose());
+    if (!Probe(server.get())) {
+        Die("probe failed");
+    }
+    return server;
+}
+
+Body PingRuntimeCase() {
+    auto api = InProcessInterface();
     return [api] {
         TezaStatus status = api->benchPing();
         if (status.status != TezaStatus::Success) {
@@ -124,12 +140,7 @@ Body PingRuntimeCase() {
 }
 
 Body PingReferenceCase() {
-    RegisterNode();
-    std::shared_ptr<rk_server_t> server(OpenHandle(kNode, RK_TRANSPORT_IN_PROCESS, 0).release(),
-                                        ServerClose());
-    if (!Probe(server.get())) {
-        Die("probe failed");
-    }
+    std::shared_ptr<rk_server_t> server = ProbedInProcessHandle();
     return [server] {
         ElemPtr result(rk_server_invoke(server.get(), "bench-ping", nullptr));
         if (rk_results_status(result.get()) != 1) {
@@ -139,9 +150,7 @@ Body PingReferenceCase() {
 }
 
 Body EchoRuntimeCase() {
-    RegisterNode();
-    auto api = std::make_shared<bench::BenchInterface>(
-        Descriptor(kNode, TezaServerConnection::TRANSPORT_IN_PROCESS, 0));
+    auto api = InProcessInterface();
     auto input = std::make_shared<bench::Echo>();
     input->setText("hello <world>");
     input->setNumber(-42);
@@ -155,12 +164,7 @@ Body EchoRuntimeCase() {
 }
 
 Body EchoReferenceCase() {
-    RegisterNode();
-    std::shared_ptr<rk_server_t> server(OpenHandle(kNode, RK_TRANSPORT_IN_PROCESS, 0).release(),
-                                        ServerClose());
-    if (!Probe(server.get())) {
-        Die("probe failed");
-    }
+    std::shared_ptr<rk_server_t> server = ProbedInProcessHandle();
     return [server] {
         ElemPtr request(rk_elem_new("bench-echo"));
         rk_child_add_string(request.get(), "text", "hello <world>");
