@@ -477,11 +477,14 @@ static void __releaseField(TezaBasicType type, bool isArray, bool rawString, voi
 
 // Slots and counts stay as they are: with their bits clear they are dead.
 void TezaFieldType::clearFieldData() {
-    // A record that holds nothing (a new one, about to be read) has nothing to release.
-    if (_isCleared || _fieldSetBits.none()) {
+    if (_isCleared) {
         return;
     }
     const TezaFieldTypeMetaData& md = getMetaData();
+    // A record that holds nothing (a new one, about to be read) has nothing to release.
+    if (_fieldSetBits.none()) {
+        return;
+    }
     for (int i = 0; i < _numFields; ++i) {
         if (_fieldSetBits.test(i)) {
             __releaseField(md.getFieldType(i), md.isFieldArrayType(i), _storeAsRawString,
