@@ -513,4 +513,40 @@ std::string ComparableText(rk_elem_t* elem) {
     return result;
 }
 
+namespace {
+
+size_t AppendAnswer(char* data, size_t size, size_t count, void* answer) {
+    static_cast<std::string*>(answer)->append(data, size * count);
+    return size * count;
+}
+
+}  // namespace
+
+CURL* NewLibrkLikeHandle(int port, std::string* answer, curl_slist** headers) {
+    CURL* easy = curl_easy_init();
+    if (easy == nullptr) {
+        Die("curl_easy_init failed");
+    }
+    const std::string url = "http://127.0.0.1:" + std::to_string(port) + "/teza";
+    curl_easy_setopt(easy, CURLOPT_URL, url.c_str());
+    curl_easy_setopt(easy, CURLOPT_PROXY, "");  // librk never uses a proxy for loopback
+    curl_easy_setopt(easy, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
+    curl_easy_setopt(easy, CURLOPT_POST, 1L);
+    curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(easy, CURLOPT_TCP_NODELAY, 1L);
+    curl_easy_setopt(easy, CURLOPT_USERAGENT, "librk/0.1.0");
+    curl_easy_setopt(easy, CURLOPT_HTTPAUTH, static_cast<long>(CURLAUTH_BASIC));
+    curl_easy_setopt(easy, CURLOPT_USERNAME, kLogin);
+    curl_easy_setopt(easy, CURLOPT_PASSWORD, kPassword);
+    curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &AppendAnswer);
+    curl_easy_setopt(easy, CURLOPT_WRITEDATA, static_cast<void*>(answer));
+    for (const char* header :
+         {"Content-Type: application/xml; charset=utf-8", "Accept: application/xml",
+          "X-Teza-Api-Version: 1.21", "X-Teza-Server-Type: 1", "Expect:"}) {
+        *headers = curl_slist_append(*headers, header);
+    }
+    curl_easy_setopt(easy, CURLOPT_HTTPHEADER, *headers);
+    return easy;
+}
+
 }  // namespace teza_bench

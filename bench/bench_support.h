@@ -4,6 +4,7 @@
 #ifndef TEZA_BENCH_BENCH_SUPPORT_H_
 #define TEZA_BENCH_BENCH_SUPPORT_H_
 
+#include <curl/curl.h>
 #include <stdint.h>
 #include <sys/types.h>
 
@@ -158,6 +159,11 @@ std::string ComparableText(rk_elem_t* elem);
 
 // The five XML entities decoded in one pass, as the runtime decodes texts it reads.
 std::string DecodeEntities(const char* text);
+
+// A bare libcurl easy handle with the options and header fields librk sets on its own for an
+// HTTP call to tezad on 127.0.0.1:`port` as kLogin; each answer's body is appended to `answer`.
+// The header list goes to `headers`, which the caller frees after the handle.
+CURL* NewLibrkLikeHandle(int port, std::string* answer, curl_slist** headers);
 
 }  // namespace teza_bench
 

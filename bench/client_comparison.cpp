@@ -287,11 +287,6 @@ bool CheckXml(const std::string& answer, const ExpectedAnswer& e) {
     return k == 5;
 }
 
-size_t AppendBody(char* data, size_t size, size_t count, void* body) {
-    static_cast<std::string*>(body)->append(data, size * count);
-    return size * count;
-}
-
 struct CurlClient {
     CURL* easy = nullptr;
     curl_slist* headers = nullptr;
@@ -303,30 +298,9 @@ struct CurlClient {
     }
 };
 
-// The options and headers that librk sets on its easy handle for this server and user.
 std::shared_ptr<CurlClient> NewCurlClient(int port) {
     auto c = std::make_shared<CurlClient>();
-    c->easy = curl_easy_init();
-    const std::string url = std::string("http://") + kHost + ":" + std::to_string(port) + "/teza";
-    CURL* easy = c->easy;
-    curl_easy_setopt(easy, CURLOPT_URL, url.c_str());
-    curl_easy_setopt(easy, CURLOPT_PROXY, "");
-    curl_easy_setopt(easy, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
-    curl_easy_setopt(easy, CURLOPT_POST, 1L);
-    curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
-    curl_easy_setopt(easy, CURLOPT_TCP_NODELAY, 1L);
-    curl_easy_setopt(easy, CURLOPT_USERAGENT, "librk/0.1.0");
-    curl_easy_setopt(easy, CURLOPT_HTTPAUTH, static_cast<long>(CURLAUTH_BASIC));
-    curl_easy_setopt(easy, CURLOPT_USERNAME, kLogin);
-    curl_easy_setopt(easy, CURLOPT_PASSWORD, kPassword);
-    curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &AppendBody);
-    curl_easy_setopt(easy, CURLOPT_WRITEDATA, static_cast<void*>(&c->answer));
-    for (const char* header :
-         {"Content-Type: application/xml; charset=utf-8", "Accept: application/xml",
-          "X-Teza-Api-Version: 1.21", "X-Teza-Server-Type: 1", "Expect:"}) {
-        c->headers = curl_slist_append(c->headers, header);
-    }
-    curl_easy_setopt(easy, CURLOPT_HTTPHEADER, c->headers);
+    c->easy = NewLibrkLikeHandle(port, &c->answer, &c->headers);
     return c;
 }
 

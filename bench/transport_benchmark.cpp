@@ -63,36 +63,6 @@ void Librk(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations());
 }
 
-size_t Append(char* data, size_t size, size_t count, void* body) {
-    static_cast<std::string*>(body)->append(data, size * count);
-    return size * count;
-}
-
-// The options and headers librk puts on its easy handle for this server and user.
-CURL* BareHandle(std::string* answer, curl_slist** headers) {
-    CURL* easy = curl_easy_init();
-    const std::string url =
-        std::string("http://") + kHost + ":" + std::to_string(Tezad::Http().port()) + "/teza";
-    curl_easy_setopt(easy, CURLOPT_URL, url.c_str());
-    curl_easy_setopt(easy, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
-    curl_easy_setopt(easy, CURLOPT_POST, 1L);
-    curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
-    curl_easy_setopt(easy, CURLOPT_TCP_NODELAY, 1L);
-    curl_easy_setopt(easy, CURLOPT_USERAGENT, "librk/0.1.0");
-    curl_easy_setopt(easy, CURLOPT_HTTPAUTH, static_cast<long>(CURLAUTH_BASIC));
-    curl_easy_setopt(easy, CURLOPT_USERNAME, kLogin);
-    curl_easy_setopt(easy, CURLOPT_PASSWORD, kPassword);
-    curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &Append);
-    curl_easy_setopt(easy, CURLOPT_WRITEDATA, static_cast<void*>(answer));
-    *headers = curl_slist_append(*headers, "Content-Type: application/xml; charset=utf-8");
-    *headers = curl_slist_append(*headers, "Accept: application/xml");
-    *headers = curl_slist_append(*headers, "X-Teza-Api-Version: 1.21");
-    *headers = curl_slist_append(*headers, "X-Teza-Server-Type: 1");
-    *headers = curl_slist_append(*headers, "Expect:");
-    curl_easy_setopt(easy, CURLOPT_HTTPHEADER, *headers);
-    return easy;
-}
-
 void BareCurl(benchmark::State& state) {
     SetUp();
     ElemPtr request = Request(static_cast<int>(state.range(0)));
@@ -101,7 +71,7 @@ void BareCurl(benchmark::State& state) {
     rk_free(xml);
     std::string answer;
     curl_slist* headers = nullptr;
-    CURL* easy = BareHandle(&answer, &headers);
+    CURL* easy = NewLibrkLikeHandle(Tezad::Http().port(), &answer, &headers);
     curl_easy_setopt(easy, CURLOPT_POSTFIELDS, body.data());
     curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body.size()));
     for (auto _ : state) {
