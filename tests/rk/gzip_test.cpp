@@ -13,22 +13,11 @@
 
 #include "hostile_server.h"
 #include "rk.h"
+#include "sanitized.h"
 #include "test_server.h"
 
 namespace teza_test {
 namespace {
-
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-const bool kSanitized = true;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-const bool kSanitized = true;
-#else
-const bool kSanitized = false;
-#endif
-#else
-const bool kSanitized = false;
-#endif
 
 const size_t kMiB = 1024 * 1024;
 

@@ -14,24 +14,13 @@
 
 #include "hostile_server.h"
 #include "rk.h"
+#include "sanitized.h"
 #include "test_server.h"
 
 namespace teza_test {
 namespace {
 
 using std::chrono::milliseconds;
-
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-const bool kSanitized = true;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-const bool kSanitized = true;
-#else
-const bool kSanitized = false;
-#endif
-#else
-const bool kSanitized = false;
-#endif
 
 const int kTimeoutSeconds = 1;
 // The time-out and the 100 ms a call may take beyond it; the sanitizers' builds run several
