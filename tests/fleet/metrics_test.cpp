@@ -103,6 +103,18 @@ TEST_F(MetricsTest, RegistryOrdersByFamilyAndApiAndForgetsUnregistered) {
     EXPECT_EQ(TezaTrackerRegistry::getTrackers().size(), 1u);
 }
 
+TEST_F(MetricsTest, RegistryIgnoresARegistrationWithANullPointer) {
+    struct Tracker : TezaTracer {
+        const std::string& getTraceName() const override { return name; }
+        std::string name = "x";
+    } tracker;
+    const size_t before = TezaTrackerRegistry::getTrackers().size();
+    TezaTrackerRegistry::registerTracker(nullptr, "api", &tracker);
+    TezaTrackerRegistry::registerTracker("family", nullptr, &tracker);
+    TezaTrackerRegistry::registerTracker("family", "api", nullptr);
+    EXPECT_EQ(TezaTrackerRegistry::getTrackers().size(), before);
+}
+
 TEST_F(MetricsTest, ParsedTextEqualsTheCountersAfterKnownCalls) {
     TezaTracer* tracker = fleet::FleetFamily::getTracker(fleet::FleetFamily::API_FLEET_PROBE);
     const uint64_t successes = tracker->getCounter().getSuccesses();

@@ -40,7 +40,8 @@ class TEZA_API TezaTrackerRegistry {
     };
 
     // Adds `tracker` under `family` and `api`. A tracker already registered is left as it
-    // is. REQUIRES: the three pointers are non-null and stay valid until unregisterTracker.
+    // is, and a null pointer among the three registers nothing. The three must stay valid
+    // until unregisterTracker.
     static void registerTracker(const char* family, const char* api, TezaTracer* tracker);
     // Removes `tracker`; nothing happens when it is not registered.
     static void unregisterTracker(TezaTracer* tracker);
