@@ -91,6 +91,11 @@ class TEZA_API TezaFieldTypeMetaData {
     bool isFieldNestedTypedef(int field) const;
 
   private:
+    // The library's record code reads the tables through this class, private to the library: its
+    // walks ask for several properties of every field of every record, each of which through the
+    // queries above is an exported call and a position check.
+    friend class TezaFieldTables;
+
     static const std::string _stringTypeStr;
     static const std::string _integerTypeStr;
     static const std::string _boolTypeStr;

@@ -10,6 +10,7 @@
 #include <memory>
 #include <utility>
 
+#include "TezaFieldTables.h"
 #include "TezaFieldValues.h"
 #include "TezaNamespaceFactory.h"
 
@@ -79,12 +80,12 @@ std::vector<std::string> TezaNamespaceFactory::getNestedTypedefHierarchy(
 // The type name of a field's records: its type name, or for a nested typedef the last entry
 // of the factory's hierarchy when there is one. Returned by value: the hierarchy is a
 // temporary list.
-static std::string __getLowestLevelTypeName(const TezaFieldTypeMetaData& md, int fieldPos) {
-    const char* fieldTypeName = md.getFieldTypeStr(fieldPos);
+static std::string __getLowestLevelTypeName(const TezaFieldTables& fields, int fieldPos) {
+    const char* fieldTypeName = fields.typeName(fieldPos);
     std::string typeName = fieldTypeName == NULL ? "" : fieldTypeName;
-    if (md.isFieldNestedTypedef(fieldPos)) {
+    if (fields.isNestedTypedef(fieldPos)) {
         std::vector<std::string> hierarchy =
-            TezaNamespaceFactory::getNestedTypedefHierarchy(md.getNamespace(), typeName);
+            TezaNamespaceFactory::getNestedTypedefHierarchy(fields.getNamespace(), typeName);
         if (!hierarchy.empty()) {
             typeName = hierarchy.back();
         }
@@ -202,14 +203,18 @@ bool TezaFieldType::isStoreAsRawString() const {
 
 // --- Copying setters ----------------------------------------------------------------------------
 
-#define TEZA_SET_SINGLE(T)                                                \
-    void TezaFieldType::setFieldValue(int fieldPos, T value) {            \
-        TEZA_CHECK_FIELD_ACCESS();                                        \
-        if (!_storeAsRawString) {                                         \
-            __replaceSingle(isFieldSet(fieldPos), _fieldValues[fieldPos], \
-                            new T(std::move(value)));                     \
-            fieldSet(fieldPos);                                           \
-        }                                                                 \
+// The setters of primitive and text values test and set the field's bit directly once their
+// checks have passed: isFieldSet and fieldSet would make the same checks again, and nothing
+// between can change their outcome (these setters run no code of generated records).
+
+#define TEZA_SET_SINGLE(T)                                                        \
+    void TezaFieldType::setFieldValue(int fieldPos, T value) {                    \
+        TEZA_CHECK_FIELD_ACCESS();                                                \
+        if (!_storeAsRawString) {                                                 \
+            __replaceSingle(_fieldSetBits.test(fieldPos), _fieldValues[fieldPos], \
+                            new T(std::move(value)));                             \
+            _fieldSetBits.set(fieldPos);                                          \
+        }                                                                         \
     }
 
 TEZA_SET_SINGLE(int32_t)
@@ -221,11 +226,11 @@ TEZA_SET_SINGLE(std::string)
 
 void TezaFieldType::setFieldValue(int fieldPos, const TezaFieldType& value) {
     TEZA_CHECK_FIELD_ACCESS();
-    const TezaFieldTypeMetaData& md = getMetaData();
+    const TezaFieldTables fields(getMetaData(), fieldPos + 1);
     // The copy is made before the old value is released, on purpose: `value` may live inside
     // the stored record, and would be read after it was freed in the other order.
     TezaFieldType* copy = TezaNamespaceFactory::copyInstance(
-        md.getNamespace(), __getLowestLevelTypeName(md, fieldPos), value);
+        fields.getNamespace(), __getLowestLevelTypeName(fields, fieldPos), value);
     // The record already stored here is not destroyed when it is the one passed in: the
     // caller's reference stays valid and the caller becomes its owner.
     if (isFieldSet(fieldPos) && _fieldValues[fieldPos] != &value) {
@@ -256,11 +261,11 @@ TEZA_SET_ARRAY(std::string)
 
 void TezaFieldType::setFieldValue(int fieldPos, int count, const TezaFieldType* values) {
     TEZA_CHECK_FIELD_ACCESS();
-    const TezaFieldTypeMetaData& md = getMetaData();
+    const TezaFieldTables fields(getMetaData(), fieldPos + 1);
     // Copied before the old records are released, on purpose: `values` may be (or live inside)
     // the stored array, which the other order would read after freeing it.
     TezaFieldType* copies = TezaNamespaceFactory::copyInstances(
-        md.getNamespace(), __getLowestLevelTypeName(md, fieldPos), count, values);
+        fields.getNamespace(), __getLowestLevelTypeName(fields, fieldPos), count, values);
     __replaceArray(isFieldSet(fieldPos), _fieldValues[fieldPos], _fieldCounts[fieldPos], copies,
                    count, __releaseRecords);
     fieldSet(fieldPos);
@@ -268,11 +273,11 @@ void TezaFieldType::setFieldValue(int fieldPos, int count, const TezaFieldType* 
 
 void TezaFieldType::setFieldValue(int fieldPos, std::vector<TezaFieldType*>& values) {
     TEZA_CHECK_FIELD_ACCESS();
-    const TezaFieldTypeMetaData& md = getMetaData();
+    const TezaFieldTables fields(getMetaData(), fieldPos + 1);
     // Copied before the old records are released, on purpose: the vector may point into the
     // stored array, which the other order would read after freeing it.
     TezaFieldType* copies = TezaNamespaceFactory::copyInstances(
-        md.getNamespace(), __getLowestLevelTypeName(md, fieldPos), values);
+        fields.getNamespace(), __getLowestLevelTypeName(fields, fieldPos), values);
     __replaceArray(isFieldSet(fieldPos), _fieldValues[fieldPos], _fieldCounts[fieldPos], copies,
                    static_cast<int32_t>(values.size()), __releaseRecords);
     fieldSet(fieldPos);
@@ -280,15 +285,16 @@ void TezaFieldType::setFieldValue(int fieldPos, std::vector<TezaFieldType*>& val
 
 // --- Adopting setters ---------------------------------------------------------------------------
 
-#define TEZA_ADOPT_ARRAY(T)                                                                       \
-    void TezaFieldType::__setFieldValue(int fieldPos, int count, T* values) {                     \
-        TEZA_CHECK_FIELD_ACCESS();                                                                \
-        if (_storeAsRawString) {                                                                  \
-            return;                                                                               \
-        }                                                                                         \
-        __replaceArray(isFieldSet(fieldPos), _fieldValues[fieldPos], _fieldCounts[fieldPos],      \
-                       values, count, [](void* old, int32_t) { delete[] static_cast<T*>(old); }); \
-        fieldSet(fieldPos);                                                                       \
+#define TEZA_ADOPT_ARRAY(T)                                                        \
+    void TezaFieldType::__setFieldValue(int fieldPos, int count, T* values) {      \
+        TEZA_CHECK_FIELD_ACCESS();                                                 \
+        if (_storeAsRawString) {                                                   \
+            return;                                                                \
+        }                                                                          \
+        __replaceArray(_fieldSetBits.test(fieldPos), _fieldValues[fieldPos],       \
+                       _fieldCounts[fieldPos], values, count,                      \
+                       [](void* old, int32_t) { delete[] static_cast<T*>(old); }); \
+        _fieldSetBits.set(fieldPos);                                               \
     }
 
 TEZA_ADOPT_ARRAY(int32_t)
@@ -315,8 +321,8 @@ void TezaFieldType::__setFieldValue(int fieldPos, const char* value) {
     TEZA_CHECK_FIELD_ACCESS();
     if (!_storeAsRawString) {
         std::string* copy = new std::string(value == NULL ? "" : value);
-        __replaceSingle(isFieldSet(fieldPos), _fieldValues[fieldPos], copy);
-        fieldSet(fieldPos);
+        __replaceSingle(_fieldSetBits.test(fieldPos), _fieldValues[fieldPos], copy);
+        _fieldSetBits.set(fieldPos);
     }
 }
 
@@ -399,9 +405,9 @@ bool TezaFieldType::getFieldValue(int fieldPos, int& count, TezaFieldType*& valu
 void TezaFieldType::setRawStringValue(int fieldPos, std::string value) {
     TEZA_CHECK_FIELD_ACCESS();
     if (_storeAsRawString) {
-        __replaceSingle(isFieldSet(fieldPos), _fieldValues[fieldPos],
+        __replaceSingle(_fieldSetBits.test(fieldPos), _fieldValues[fieldPos],
                         new std::string(std::move(value)));
-        fieldSet(fieldPos);
+        _fieldSetBits.set(fieldPos);
     }
 }
 
@@ -454,9 +460,10 @@ bool TezaFieldType::getRawStringValue(int fieldPos, int& count, std::string*& va
 // --- Copy and clear -----------------------------------------------------------------------------
 
 // Releases what a set field's slot holds. What that is follows from the descriptor and the
-// mode, so the caller passes both.
+// mode, so the caller passes both. The count is read only for an array of records: the counts
+// are a block of their own, which releasing any other field need not touch.
 static void __releaseField(TezaBasicType type, bool isArray, bool rawString, void* slot,
-                           int32_t count) {
+                           const int32_t& count) {
     if (type == TezaFieldTypeMetaData::TYPEDEF_TYPE) {
         if (isArray) {
             __releaseRecords(slot, count);
@@ -480,15 +487,15 @@ void TezaFieldType::clearFieldData() {
     if (_isCleared) {
         return;
     }
-    const TezaFieldTypeMetaData& md = getMetaData();
+    const TezaFieldTables fields(getMetaData(), _numFields);
     // A record that holds nothing (a new one, about to be read) has nothing to release.
     if (_fieldSetBits.none()) {
         return;
     }
     for (int i = 0; i < _numFields; ++i) {
         if (_fieldSetBits.test(i)) {
-            __releaseField(md.getFieldType(i), md.isFieldArrayType(i), _storeAsRawString,
-                           _fieldValues[i], _fieldCounts[i]);
+            __releaseField(fields.type(i), fields.isArray(i), _storeAsRawString, _fieldValues[i],
+                           _fieldCounts[i]);
         }
     }
     _fieldSetBits.reset();
@@ -577,7 +584,7 @@ void TezaFieldType::copyData(const TezaFieldType& src) {
     if (src._isCleared) {
         return;
     }
-    const TezaFieldTypeMetaData& md = getMetaData();
+    const TezaFieldTables fields(getMetaData(), _numFields);
     _fieldValues = new void*[_numFields]();
     _fieldCounts = new int32_t[_numFields]();
     for (int i = 0; i < _numFields; ++i) {
@@ -586,8 +593,8 @@ void TezaFieldType::copyData(const TezaFieldType& src) {
             _fieldCounts[i] = 0;
             continue;
         }
-        TezaBasicType type = md.getFieldType(i);
-        bool isArray = md.isFieldArrayType(i);
+        TezaBasicType type = fields.type(i);
+        bool isArray = fields.isArray(i);
         bool ret = true;
         if (type == TezaFieldTypeMetaData::TYPEDEF_TYPE && !isArray) {
             ret = __copyRecord(src, *this, i);
@@ -701,19 +708,19 @@ static bool __addLink(rk_elem_t*& parent, const char* name) {
 // Creates the elements that field `i` (an array or not) has its values under, below `parent`,
 // which becomes the last of them; `name` becomes the name of the value's own element, which may
 // point into `hierarchy`. False as soon as an element is refused.
-static bool __openField(const TezaFieldTypeMetaData& md, int i, bool isArray, rk_elem_t*& parent,
+static bool __openField(const TezaFieldTables& fields, int i, bool isArray, rk_elem_t*& parent,
                         const char*& name, std::vector<std::string>& hierarchy) {
-    const char* fieldName = md.getFieldNameStr(i);
-    const char* typeName = md.getFieldTypeStr(i);
+    const char* fieldName = fields.name(i);
     name = fieldName;
-    if (!isArray && md.getFieldType(i) != TezaFieldTypeMetaData::TYPEDEF_TYPE) {
+    if (!isArray && fields.type(i) != TezaFieldTypeMetaData::TYPEDEF_TYPE) {
         return true;
     }
+    const char* typeName = fields.typeName(i);
     // An array's wrapper comes first, so a set array without items (or of a kind that has no
     // items to write) still shows as an empty wrapper. A single nested record named like its
     // type is written as one element, not two; as a nested typedef it always gets its field
     // element.
-    bool nested = md.isFieldNestedTypedef(i);
+    bool nested = fields.isNestedTypedef(i);
     if ((isArray || nested || strcmp(fieldName, typeName) != 0) && !__addLink(parent, fieldName)) {
         return false;
     }
@@ -722,7 +729,7 @@ static bool __openField(const TezaFieldTypeMetaData& md, int i, bool isArray, rk
         return true;
     }
     // A nested typedef is written under the chain of its type: T / H[0] / ... / H[n-2].
-    hierarchy = TezaNamespaceFactory::getNestedTypedefHierarchy(md.getNamespace(), typeName);
+    hierarchy = TezaNamespaceFactory::getNestedTypedefHierarchy(fields.getNamespace(), typeName);
     if (hierarchy.empty()) {
         return true;
     }
@@ -816,17 +823,17 @@ void TezaFieldType::constructRkChildElement(rk_elem_t* elem) const {
     if (elem == NULL) {
         return;
     }
-    const TezaFieldTypeMetaData& md = getMetaData();
+    const TezaFieldTables fields(getMetaData(), _numFields);
     for (int i = 0; i < _numFields; ++i) {
         if (!isFieldSet(i)) {
             continue;
         }
-        TezaBasicType code = md.getFieldType(i);
-        bool isArray = md.isFieldArrayType(i);
+        TezaBasicType code = fields.type(i);
+        bool isArray = fields.isArray(i);
         rk_elem_t* parent = elem;
         const char* name = NULL;
         std::vector<std::string> hierarchy;
-        bool retElem = __openField(md, i, isArray, parent, name, hierarchy);
+        bool retElem = __openField(fields, i, isArray, parent, name, hierarchy);
         TEZA_ASSERT(retElem);
         bool ret = true;
         if (isArray) {
@@ -838,7 +845,7 @@ void TezaFieldType::constructRkChildElement(rk_elem_t* elem) const {
             TEZA_ASSERT(tezaVal != NULL);
             retElem = __addRecord(parent, name, *tezaVal);
         } else {
-            ret = __writeSingle(*this, code, md.isFieldEncrypted(i), i, parent, name, retElem);
+            ret = __writeSingle(*this, code, fields.isEncrypted(i), i, parent, name, retElem);
         }
         TEZA_ASSERT(ret);
         TEZA_ASSERT(retElem);
@@ -853,13 +860,15 @@ static void __fromText(const char* text, std::string& value) {
     __appendDecoded(text, strlen(text), value);
 }
 
-// The hierarchy of field `i`'s type when it is a nested typedef; empty otherwise.
-static std::vector<std::string> __hierarchyOf(const TezaFieldTypeMetaData& md, int i) {
-    if (!md.isFieldNestedTypedef(i)) {
-        return std::vector<std::string>();
-    }
-    return TezaNamespaceFactory::getNestedTypedefHierarchy(md.getNamespace(),
-                                                           md.getFieldTypeStr(i));
+// The hierarchy of field `i`'s type when it is a nested typedef; empty otherwise. Inline, so that
+// the common case makes no call.
+static std::vector<std::string> __fetchHierarchy(const TezaFieldTables& fields, int i) {
+    return TezaNamespaceFactory::getNestedTypedefHierarchy(fields.getNamespace(),
+                                                           fields.typeName(i));
+}
+
+static inline std::vector<std::string> __hierarchyOf(const TezaFieldTables& fields, int i) {
+    return fields.isNestedTypedef(i) ? __fetchHierarchy(fields, i) : std::vector<std::string>();
 }
 
 // Every child of an array's wrapper is an item, whatever its name.
@@ -874,13 +883,14 @@ static int __countItems(rk_elem_t* wrapper) {
 
 // The array that `count` items of a field are read into: records from the namespace factory, or
 // values of the type the field holds. Null for a type that holds nothing, or no factory.
-static void* __newItems(const TezaFieldTypeMetaData& md, int i, TezaBasicType held, int count,
+static void* __newItems(const TezaFieldTables& fields, int i, TezaBasicType held, int count,
                         const std::vector<std::string>& hierarchy) {
     if (held == TezaFieldTypeMetaData::TYPEDEF_TYPE) {
-        const char* typeName = md.getFieldTypeStr(i);
+        const char* typeName = fields.typeName(i);
         std::string itemType =
             !hierarchy.empty() ? hierarchy.back() : (typeName == NULL ? "" : typeName);
-        return TezaNamespaceFactory::getInstances(md.getNamespace(), count, __ctgName, itemType);
+        return TezaNamespaceFactory::getInstances(fields.getNamespace(), count, __ctgName,
+                                                  itemType);
     }
     void* items = NULL;
     __withValueType(held, [&](auto type) { items = new typename decltype(type)::Type[count](); });
@@ -948,6 +958,9 @@ static void __storeSingle(TezaFieldType& record, TezaBasicType code, int i, rk_e
     } else if (code == TezaFieldTypeMetaData::BOOL_TYPE) {
         // Presence comes from the text lookup, the value from the library's reading.
         record.setFieldValue(i, rk_child_get_bool(elem, name, 0) != 0);
+    } else if (code == TezaFieldTypeMetaData::STRING_TYPE && strchr(text, '&') == NULL) {
+        // A text without an ampersand holds no entity: it is copied into the value as it stands.
+        record.__setFieldValue(i, text);
     } else {
         __withValueType(code, [&](auto type) {
             typename decltype(type)::Type value = typename decltype(type)::Type();
@@ -959,11 +972,11 @@ static void __storeSingle(TezaFieldType& record, TezaBasicType code, int i, rk_e
 
 // Reads single primitive field `i`; a missing child leaves it unset. A clear text is read where
 // the tree holds it; a decrypted one is copied and released first.
-static void __readSingle(TezaFieldType& record, const TezaFieldTypeMetaData& md, int i,
+static void __readSingle(TezaFieldType& record, const TezaFieldTables& fields, int i,
                          rk_elem_t* elem) {
-    const char* name = md.getFieldNameStr(i);
-    TezaBasicType code = md.getFieldType(i);
-    if (!md.isFieldEncrypted(i)) {
+    const char* name = fields.name(i);
+    TezaBasicType code = fields.type(i);
+    if (!fields.isEncrypted(i)) {
         const char* text = rk_child_get_string(elem, name);
         if (text != NULL) {
             __storeSingle(record, code, i, elem, name, text);
@@ -983,17 +996,17 @@ static void __readSingle(TezaFieldType& record, const TezaFieldTypeMetaData& md,
 // when one of the elements looked for is missing. For a nested typedef that is the element the
 // writer makes the parent of the record's own element, kept for compatibility; the links after
 // the type's own are not checked.
-static bool __findRecord(const TezaFieldTypeMetaData& md, int i, rk_elem_t* elem, rk_elem_t*& node,
+static bool __findRecord(const TezaFieldTables& fields, int i, rk_elem_t* elem, rk_elem_t*& node,
                          std::string& recordType) {
-    const char* fieldName = md.getFieldNameStr(i);
-    const char* typeName = md.getFieldTypeStr(i);
+    const char* fieldName = fields.name(i);
+    const char* typeName = fields.typeName(i);
     node = rk_elem_child(elem, fieldName);
     if (node == NULL) {
         return false;
     }
     recordType = typeName;
-    std::vector<std::string> hierarchy = __hierarchyOf(md, i);
-    if (!md.isFieldNestedTypedef(i) ? strcmp(fieldName, typeName) == 0 : hierarchy.empty()) {
+    std::vector<std::string> hierarchy = __hierarchyOf(fields, i);
+    if (!fields.isNestedTypedef(i) ? strcmp(fieldName, typeName) == 0 : hierarchy.empty()) {
         return true;
     }
     node = rk_elem_child(node, typeName);
@@ -1015,32 +1028,32 @@ void TezaFieldType::parseRkChildElement(rk_elem_t* elem) {
     if (elem == NULL) {
         return;
     }
-    const TezaFieldTypeMetaData& md = getMetaData();
+    const TezaFieldTables fields(getMetaData(), _numFields);
     for (int i = 0; i < _numFields; ++i) {
-        TezaBasicType code = md.getFieldType(i);
-        if (md.isFieldArrayType(i)) {
-            rk_elem_t* wrapper = rk_elem_child(elem, md.getFieldNameStr(i));
+        TezaBasicType code = fields.type(i);
+        if (fields.isArray(i)) {
+            rk_elem_t* wrapper = rk_elem_child(elem, fields.name(i));
             // An empty wrapper reads as unset although a set empty array is written as one;
             // kept for compatibility.
             int count = wrapper == NULL ? 0 : __countItems(wrapper);
             if (count == 0) {
                 continue;
             }
-            std::vector<std::string> hierarchy = __hierarchyOf(md, i);
+            std::vector<std::string> hierarchy = __hierarchyOf(fields, i);
             TezaBasicType held = __heldType(code, _storeAsRawString);
-            void* valueArray = __newItems(md, i, held, count, hierarchy);
+            void* valueArray = __newItems(fields, i, held, count, hierarchy);
             TEZA_ASSERT(valueArray != NULL);
             __readItems(*this, i, held, wrapper, count, hierarchy, valueArray);
         } else if (__isPrimitive(code)) {
-            __readSingle(*this, md, i, elem);
+            __readSingle(*this, fields, i, elem);
         } else if (code == TezaFieldTypeMetaData::TYPEDEF_TYPE) {
             rk_elem_t* node = NULL;
             std::string recordType;
-            if (!__findRecord(md, i, elem, node, recordType)) {
+            if (!__findRecord(fields, i, elem, node, recordType)) {
                 continue;
             }
             TezaFieldType* tezaVal =
-                TezaNamespaceFactory::getInstance(md.getNamespace(), __ctgName, recordType);
+                TezaNamespaceFactory::getInstance(fields.getNamespace(), __ctgName, recordType);
             TEZA_ASSERT(tezaVal != NULL);
             if (_storeAsRawString) {
                 tezaVal->storeAsRawstring(true);
