@@ -23,6 +23,37 @@ std::bitset<256> fieldBits(std::initializer_list<int> fields) {
     return bits;
 }
 
+// A type's descriptor together with the six flag sets it refers to, built as one object: the
+// runtime asks for a record's descriptor several times for every record it reads, copies or
+// releases, and a descriptor kept in one function-local object is found behind one first-use
+// check instead of seven.
+struct Descriptor {
+    Descriptor(const char* ns, const char* name, int numFields, const char* const* fieldNames,
+               const TezaFieldTypeMetaData::TezaBasicType* fieldTypes,
+               const char* const* fieldTypeNames, std::initializer_list<int> arrays,
+               std::initializer_list<int> optionals, std::initializer_list<int> encrypted,
+               std::initializer_list<int> validated, std::initializer_list<int> nonEmpty,
+               std::initializer_list<int> nestedTypedefs)
+        : arrayFields(fieldBits(arrays)),
+          optionalFields(fieldBits(optionals)),
+          encryptedFields(fieldBits(encrypted)),
+          validateFields(fieldBits(validated)),
+          nonEmptyFields(fieldBits(nonEmpty)),
+          nestedTypedefFields(fieldBits(nestedTypedefs)),
+          metaData(ns, name, numFields, fieldNames, fieldTypes, fieldTypeNames, arrayFields,
+                   optionalFields, encryptedFields, validateFields, nonEmptyFields,
+                   nestedTypedefFields) {}
+
+    // Built before the descriptor, which refers to them.
+    const std::bitset<256> arrayFields;
+    const std::bitset<256> optionalFields;
+    const std::bitset<256> encryptedFields;
+    const std::bitset<256> validateFields;
+    const std::bitset<256> nonEmptyFields;
+    const std::bitset<256> nestedTypedefFields;
+    const TezaFieldTypeMetaData metaData;
+};
+
 // The entry named `name` in a table sorted by name (byte order), or null.
 template <class Entry>
 const Entry* findByName(const Entry* begin, const Entry* end, const std::string& name) {
@@ -175,20 +206,18 @@ const char* const kScalarsFieldTypeNames[] = {
 }  // namespace
 
 const TezaFieldTypeMetaData& Scalars::metaData() {
-    static const std::bitset<256> arrayFields = ::fieldBits({});
-    static const std::bitset<256> optionalFields = ::fieldBits({1, 4, 7});
-    static const std::bitset<256> encryptedFields = ::fieldBits({6, 7});
-    static const std::bitset<256> validateFields = ::fieldBits({2, 4});
-    static const std::bitset<256> nonEmptyFields = ::fieldBits({3, 4});
-    static const std::bitset<256> nestedTypedefFields = ::fieldBits({});
-    static const TezaFieldTypeMetaData descriptor(
+    static const ::Descriptor descriptor(
         "inventory", "scalars", NUM_FIELDS,
         kScalarsFieldNames,
         kScalarsFieldTypes,
         kScalarsFieldTypeNames,
-        arrayFields, optionalFields, encryptedFields, validateFields, nonEmptyFields,
-        nestedTypedefFields);
-    return descriptor;
+        {},  // arrayFields
+        {1, 4, 7},  // optionalFields
+        {6, 7},  // encryptedFields
+        {2, 4},  // validateFields
+        {3, 4},  // nonEmptyFields
+        {});  // nestedTypedefFields
+    return descriptor.metaData;
 }
 
 Scalars::Scalars() : TezaFieldType(metaData()) {}
@@ -405,20 +434,18 @@ const char* const kArraysFieldTypeNames[] = {
 }  // namespace
 
 const TezaFieldTypeMetaData& Arrays::metaData() {
-    static const std::bitset<256> arrayFields = ::fieldBits({0, 1, 2, 3, 4, 5});
-    static const std::bitset<256> optionalFields = ::fieldBits({1});
-    static const std::bitset<256> encryptedFields = ::fieldBits({});
-    static const std::bitset<256> validateFields = ::fieldBits({5});
-    static const std::bitset<256> nonEmptyFields = ::fieldBits({4});
-    static const std::bitset<256> nestedTypedefFields = ::fieldBits({});
-    static const TezaFieldTypeMetaData descriptor(
+    static const ::Descriptor descriptor(
         "inventory", "arrays", NUM_FIELDS,
         kArraysFieldNames,
         kArraysFieldTypes,
         kArraysFieldTypeNames,
-        arrayFields, optionalFields, encryptedFields, validateFields, nonEmptyFields,
-        nestedTypedefFields);
-    return descriptor;
+        {0, 1, 2, 3, 4, 5},  // arrayFields
+        {1},  // optionalFields
+        {},  // encryptedFields
+        {5},  // validateFields
+        {4},  // nonEmptyFields
+        {});  // nestedTypedefFields
+    return descriptor.metaData;
 }
 
 Arrays::Arrays() : TezaFieldType(metaData()) {}
@@ -640,18 +667,16 @@ bool Arrays::getFlagsRaw(std::vector<std::string>& texts) const {
 // Type "empty".
 
 const TezaFieldTypeMetaData& Empty::metaData() {
-    static const std::bitset<256> arrayFields = ::fieldBits({});
-    static const std::bitset<256> optionalFields = ::fieldBits({});
-    static const std::bitset<256> encryptedFields = ::fieldBits({});
-    static const std::bitset<256> validateFields = ::fieldBits({});
-    static const std::bitset<256> nonEmptyFields = ::fieldBits({});
-    static const std::bitset<256> nestedTypedefFields = ::fieldBits({});
-    static const TezaFieldTypeMetaData descriptor(
+    static const ::Descriptor descriptor(
         "inventory", "empty", NUM_FIELDS,
         nullptr, nullptr, nullptr,
-        arrayFields, optionalFields, encryptedFields, validateFields, nonEmptyFields,
-        nestedTypedefFields);
-    return descriptor;
+        {},  // arrayFields
+        {},  // optionalFields
+        {},  // encryptedFields
+        {},  // validateFields
+        {},  // nonEmptyFields
+        {});  // nestedTypedefFields
+    return descriptor.metaData;
 }
 
 Empty::Empty() : TezaFieldType(metaData()) {}
@@ -705,20 +730,18 @@ const char* const kShelfFieldTypeNames[] = {
 }  // namespace
 
 const TezaFieldTypeMetaData& Shelf::metaData() {
-    static const std::bitset<256> arrayFields = ::fieldBits({1});
-    static const std::bitset<256> optionalFields = ::fieldBits({1, 3, 4});
-    static const std::bitset<256> encryptedFields = ::fieldBits({});
-    static const std::bitset<256> validateFields = ::fieldBits({});
-    static const std::bitset<256> nonEmptyFields = ::fieldBits({});
-    static const std::bitset<256> nestedTypedefFields = ::fieldBits({0});
-    static const TezaFieldTypeMetaData descriptor(
+    static const ::Descriptor descriptor(
         "inventory", "shelf", NUM_FIELDS,
         kShelfFieldNames,
         kShelfFieldTypes,
         kShelfFieldTypeNames,
-        arrayFields, optionalFields, encryptedFields, validateFields, nonEmptyFields,
-        nestedTypedefFields);
-    return descriptor;
+        {1},  // arrayFields
+        {1, 3, 4},  // optionalFields
+        {},  // encryptedFields
+        {},  // validateFields
+        {},  // nonEmptyFields
+        {0});  // nestedTypedefFields
+    return descriptor.metaData;
 }
 
 Shelf::Shelf() : TezaFieldType(metaData()) {}
@@ -905,20 +928,18 @@ const char* const kWarehouseFieldTypeNames[] = {
 }  // namespace
 
 const TezaFieldTypeMetaData& Warehouse::metaData() {
-    static const std::bitset<256> arrayFields = ::fieldBits({2, 4});
-    static const std::bitset<256> optionalFields = ::fieldBits({1, 2});
-    static const std::bitset<256> encryptedFields = ::fieldBits({});
-    static const std::bitset<256> validateFields = ::fieldBits({});
-    static const std::bitset<256> nonEmptyFields = ::fieldBits({0});
-    static const std::bitset<256> nestedTypedefFields = ::fieldBits({1, 2, 3, 4, 5});
-    static const TezaFieldTypeMetaData descriptor(
+    static const ::Descriptor descriptor(
         "inventory", "warehouse", NUM_FIELDS,
         kWarehouseFieldNames,
         kWarehouseFieldTypes,
         kWarehouseFieldTypeNames,
-        arrayFields, optionalFields, encryptedFields, validateFields, nonEmptyFields,
-        nestedTypedefFields);
-    return descriptor;
+        {2, 4},  // arrayFields
+        {1, 2},  // optionalFields
+        {},  // encryptedFields
+        {},  // validateFields
+        {0},  // nonEmptyFields
+        {1, 2, 3, 4, 5});  // nestedTypedefFields
+    return descriptor.metaData;
 }
 
 Warehouse::Warehouse() : TezaFieldType(metaData()) {}
@@ -1296,20 +1317,18 @@ const char* const kInvoiceFieldTypeNames[] = {
 }  // namespace
 
 const TezaFieldTypeMetaData& Invoice::metaData() {
-    static const std::bitset<256> arrayFields = ::fieldBits({2});
-    static const std::bitset<256> optionalFields = ::fieldBits({1});
-    static const std::bitset<256> encryptedFields = ::fieldBits({});
-    static const std::bitset<256> validateFields = ::fieldBits({});
-    static const std::bitset<256> nonEmptyFields = ::fieldBits({});
-    static const std::bitset<256> nestedTypedefFields = ::fieldBits({});
-    static const TezaFieldTypeMetaData descriptor(
+    static const ::Descriptor descriptor(
         "billing", "invoice", NUM_FIELDS,
         kInvoiceFieldNames,
         kInvoiceFieldTypes,
         kInvoiceFieldTypeNames,
-        arrayFields, optionalFields, encryptedFields, validateFields, nonEmptyFields,
-        nestedTypedefFields);
-    return descriptor;
+        {2},  // arrayFields
+        {1},  // optionalFields
+        {},  // encryptedFields
+        {},  // validateFields
+        {},  // nonEmptyFields
+        {});  // nestedTypedefFields
+    return descriptor.metaData;
 }
 
 Invoice::Invoice() : TezaFieldType(metaData()) {}
@@ -1426,20 +1445,18 @@ const char* const kLineFieldTypeNames[] = {
 }  // namespace
 
 const TezaFieldTypeMetaData& Line::metaData() {
-    static const std::bitset<256> arrayFields = ::fieldBits({});
-    static const std::bitset<256> optionalFields = ::fieldBits({});
-    static const std::bitset<256> encryptedFields = ::fieldBits({});
-    static const std::bitset<256> validateFields = ::fieldBits({});
-    static const std::bitset<256> nonEmptyFields = ::fieldBits({});
-    static const std::bitset<256> nestedTypedefFields = ::fieldBits({});
-    static const TezaFieldTypeMetaData descriptor(
+    static const ::Descriptor descriptor(
         "billing", "line", NUM_FIELDS,
         kLineFieldNames,
         kLineFieldTypes,
         kLineFieldTypeNames,
-        arrayFields, optionalFields, encryptedFields, validateFields, nonEmptyFields,
-        nestedTypedefFields);
-    return descriptor;
+        {},  // arrayFields
+        {},  // optionalFields
+        {},  // encryptedFields
+        {},  // validateFields
+        {},  // nonEmptyFields
+        {});  // nestedTypedefFields
+    return descriptor.metaData;
 }
 
 Line::Line() : TezaFieldType(metaData()) {}
