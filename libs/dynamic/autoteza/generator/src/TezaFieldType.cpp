@@ -948,9 +948,10 @@ static void __readItems(TezaFieldType& record, int i, TezaBasicType held, rk_ele
     }
 }
 
-// Stores the text of single primitive field `i` as the record's mode wants it.
-static void __storeSingle(TezaFieldType& record, TezaBasicType code, int i, rk_elem_t* elem,
-                          const char* name, const char* text) {
+// Stores the text of single primitive field `i` as the record's mode wants it. Inline: it runs
+// for every single value read.
+static inline void __storeSingle(TezaFieldType& record, TezaBasicType code, int i, rk_elem_t* elem,
+                                 const char* name, const char* text) {
     if (record.isStoreAsRawString()) {
         // Kept exactly as received: single raw values are not entity-decoded, while raw array
         // items, held as texts, are.
