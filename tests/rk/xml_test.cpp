@@ -5,7 +5,9 @@
 #include <stdlib.h>
 
 #include <memory>
+#include <random>
 #include <string>
+#include <vector>
 
 #include "rk.h"
 
@@ -171,6 +173,99 @@ TEST(RkXml, LongAttributeAndTextArePreserved) {
     ASSERT_NE(tree, nullptr);
     EXPECT_EQ(std::string(rk_elem_get_attr(tree.get(), "a")).size(), big.size());
     EXPECT_EQ(std::string(rk_child_get_string(tree.get(), "t")).size(), big.size());
+}
+
+// What rk_elem_write hands over: the pieces, in order.
+struct Pieces {
+    std::vector<std::string> items;
+    size_t stopAfter = SIZE_MAX;  // the callback stops at this piece
+};
+
+int TakePiece(void* context, const char* data, size_t len) {
+    auto* pieces = static_cast<Pieces*>(context);
+    pieces->items.emplace_back(data, len);
+    return pieces->items.size() < pieces->stopAfter ? 1 : 0;
+}
+
+// A tree of `count` elements of random shape, names, texts and attributes, texts with the
+// characters that are written as entities.
+ElemPtr RandomTree(unsigned seed, int count) {
+    std::mt19937 random(seed);
+    const char* const kTexts[] = {"",      "plain", "a < b & c > d", "\"quoted\" 'single'",
+                                  "&amp;", "x",     "caf\xc3\xa9",   "line\nbreak"};
+    ElemPtr root(rk_elem_new("root"));
+    std::vector<rk_elem_t*> elems{root.get()};
+    for (int i = 0; i < count; ++i) {
+        rk_elem_t* parent = elems[random() % elems.size()];
+        const std::string name = "e" + std::to_string(random() % 5);
+        const char* text = kTexts[random() % 8];
+        rk_elem_t* child = rk_child_add_string(parent, name.c_str(), text);
+        if (random() % 4 == 0) {
+            rk_elem_set_attr(child, "a", kTexts[random() % 8]);
+        }
+        elems.push_back(child);
+    }
+    return root;
+}
+
+TEST(RkXmlPieces, ConcatenatedPiecesAreTheWholeText) {
+    std::vector<ElemPtr> trees;
+    for (unsigned seed = 1; seed <= 20; ++seed) {
+        trees.push_back(RandomTree(seed, static_cast<int>(seed * 37)));
+    }
+    // Parsed trees keep their texts in wire form, attributes in single quotes included.
+    trees.push_back(Parse("<r a='say \"hi\"' b=\"&lt;\"><t>&amp;x</t><e/><n>1<m>2</m></n></r>"));
+    trees.push_back(ElemPtr(rk_elem_new("alone")));
+    for (const ElemPtr& tree : trees) {
+        ASSERT_NE(tree, nullptr);
+        const std::string whole = Sprintf(tree.get());
+        for (size_t pieceSize :
+             {size_t{0}, size_t{1}, size_t{7}, size_t{100}, size_t{4096}, size_t{1} << 20}) {
+            Pieces pieces;
+            ASSERT_EQ(rk_elem_write(tree.get(), pieceSize, TakePiece, &pieces), 1);
+            std::string joined;
+            for (size_t i = 0; i < pieces.items.size(); ++i) {
+                const std::string& piece = pieces.items[i];
+                EXPECT_FALSE(piece.empty());
+                EXPECT_EQ(piece.back(), '\n') << "a piece ends a line";
+                if (i + 1 < pieces.items.size()) {
+                    EXPECT_GE(piece.size(), std::max<size_t>(pieceSize, 1));
+                }
+                joined += piece;
+            }
+            EXPECT_EQ(joined, whole) << "piece size " << pieceSize;
+        }
+    }
+}
+
+TEST(RkXmlPieces, LargeTreeComesInPiecesOfAboutTheSizeAskedFor) {
+    ElemPtr tree = RandomTree(99, 20000);
+    const std::string whole = Sprintf(tree.get());
+    Pieces pieces;
+    ASSERT_EQ(rk_elem_write(tree.get(), 16384, TakePiece, &pieces), 1);
+    ASSERT_GT(pieces.items.size(), 4u);
+    std::string joined;
+    for (const std::string& piece : pieces.items) {
+        EXPECT_LT(piece.size(), 16384u + 1024u);  // at most one line more
+        joined += piece;
+    }
+    EXPECT_EQ(joined, whole);
+}
+
+TEST(RkXmlPieces, StopsWhenTheReceiverSaysSo) {
+    ElemPtr tree = RandomTree(7, 500);
+    Pieces pieces;
+    pieces.stopAfter = 3;
+    EXPECT_EQ(rk_elem_write(tree.get(), 64, TakePiece, &pieces), 0);
+    EXPECT_EQ(pieces.items.size(), 3u) << "nothing is handed over after a stop";
+}
+
+TEST(RkXmlPieces, NullElementOrReceiverWritesNothing) {
+    Pieces pieces;
+    EXPECT_EQ(rk_elem_write(nullptr, 64, TakePiece, &pieces), 0);
+    ElemPtr tree(rk_elem_new("r"));
+    EXPECT_EQ(rk_elem_write(tree.get(), 64, nullptr, nullptr), 0);
+    EXPECT_TRUE(pieces.items.empty());
 }
 
 }  // namespace

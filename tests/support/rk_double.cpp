@@ -603,6 +603,12 @@ void rk_free(void* p) {
     free(p);
 }
 
+int rk_elem_write(rk_elem_t* elem, size_t piece_size, rk_write_fn write, void* context) {
+    Record("rk_elem_write", elem);
+    return !ShouldFail("rk_elem_write") && rk::WritePieces(elem, piece_size, write, context) ? 1
+                                                                                             : 0;
+}
+
 size_t rk_elem_child_count(rk_elem_t* elem) {
     Record("rk_elem_child_count", elem);
     return rk::ElemChildCount(elem);

@@ -287,6 +287,15 @@ RK_API rk_elem_t* rk_iterator_next(rk_iterator_t* it);
  * free() or rk_free. Null when elem is null. */
 RK_API char* rk_elem_sprintf(rk_elem_t* elem);
 RK_API void rk_free(void* p);
+/* Receives consecutive pieces of a text: `len` bytes at `data`, valid during the call only.
+ * Returns non-zero to go on, zero to stop. */
+typedef int (*rk_write_fn)(void* context, const char* data, size_t len);
+/* rk_elem_sprintf's text of elem, handed to `write` in pieces as it is made, so that a large
+ * text can be sent or stored without ever being held whole. Each piece ends at the end of a
+ * line; every piece but the last holds at least `piece_size` bytes (and one line more at
+ * most). Non-zero when the whole text was handed over; zero when elem or write is null,
+ * memory ran out, or write returned zero (nothing more is then written). */
+RK_API int rk_elem_write(rk_elem_t* elem, size_t piece_size, rk_write_fn write, void* context);
 
 /* ---- Beyond the runtime's needs ------------------------------------------------------- */
 

@@ -76,6 +76,9 @@ char* rk_elem_sprintf(rk_elem_t* elem) {
 void rk_free(void* p) {
     free(p);
 }
+int rk_elem_write(rk_elem_t* elem, size_t piece_size, rk_write_fn write, void* context) {
+    return Guarded(0, [&] { return rk::WritePieces(elem, piece_size, write, context) ? 1 : 0; });
+}
 
 size_t rk_elem_child_count(rk_elem_t* elem) {
     return rk::ElemChildCount(elem);

@@ -205,6 +205,9 @@ void ToWireForm(rk_elem* root);
 void WriteXml(const rk_elem* elem, std::string* out);
 // Returns a malloc'd copy of WriteXml's text, or null for a null element.
 char* ElemSprintf(const rk_elem* elem);
+// WriteXml's text handed to `write` in pieces (rk_elem_write); false when `elem` or `write` is
+// null or `write` stopped. Throws std::bad_alloc.
+bool WritePieces(const rk_elem* elem, size_t pieceSize, rk_write_fn write, void* context);
 // What a parse may cost. Every cap is derived from the one limit a user sets, the size of a
 // document in bytes (a server handle's rk_server_set_max_response_size, RK_PARSE_MAX_BYTES
 // for rk_elem_parse); see ForSize and rk.h.

@@ -1,6 +1,7 @@
 // The XML text of an element tree: two spaces of indentation per level, one element per line,
 // leaf text inline.
 
+#include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
 
@@ -53,6 +54,10 @@ class Writer {
     Writer& operator=(const Writer&) = delete;
 
     bool ok() const { return _ok; }
+    // The text written since the start or the last Clear.
+    const char* data() const { return _out->data(); }
+    size_t size() const { return _used; }
+    void Clear() { _used = 0; }
 
     void Put(const char* text, size_t len) {
         char* w = Room(len);
@@ -220,19 +225,24 @@ class SmallStack {
     size_t _size = 0;
 };
 
-// The indented text of the tree at `root`; false when checking found a text that cannot be
-// written as XML.
-bool Write(const rk_elem* root, bool check, std::string* out) {
+// Writes the indented text of the tree at `root` into `writer`, one line at a time. Whenever
+// the writer holds `pieceSize` bytes or more, between two lines, `handOver` is called, which
+// takes the text written so far (and clears the writer) or returns false to stop the writing.
+// False when stopped.
+template <typename HandOver>
+bool WriteLines(const rk_elem* root, Writer& writer, size_t pieceSize, HandOver handOver) {
     struct Step {
         const rk_elem* elem;
         size_t depth;
         bool close;
     };
-    Writer writer(out, check);
     // Iterative, so that a tree of any depth is written without deep recursion.
     SmallStack<Step> pending;
     pending.push({root, 0, false});
     while (!pending.empty()) {
+        if (writer.size() >= pieceSize && !handOver()) {
+            return false;
+        }
         const Step step = pending.pop();
         const rk_elem* elem = step.elem;
         if (!step.close && elem->childCount == 0 && elem->attrCount == 0) {
@@ -267,6 +277,14 @@ bool Write(const rk_elem* root, bool check, std::string* out) {
             pending.push({elem->children[i - 1], step.depth + 1, false});
         }
     }
+    return true;
+}
+
+// The indented text of the tree at `root`; false when checking found a text that cannot be
+// written as XML.
+bool Write(const rk_elem* root, bool check, std::string* out) {
+    Writer writer(out, check);
+    WriteLines(root, writer, SIZE_MAX, [] { return true; });
     return writer.ok();
 }
 
@@ -409,6 +427,24 @@ bool CheckRequestText(const rk_elem* request, std::string* reason) {
         pending.insert(pending.end(), elem->children, elem->children + elem->childCount);
     }
     return true;
+}
+
+bool WritePieces(const rk_elem* elem, size_t pieceSize, rk_write_fn write, void* context) {
+    if (elem == nullptr || write == nullptr) {
+        return false;
+    }
+    std::string buffer;
+    Writer writer(&buffer, false);
+    auto handOver = [&] {
+        if (write(context, writer.data(), writer.size()) == 0) {
+            return false;
+        }
+        writer.Clear();
+        return true;
+    };
+    // A piece ends at the end of a line, so a piece of 0 bytes asked for is one line.
+    return WriteLines(elem, writer, std::max<size_t>(pieceSize, 1), handOver) &&
+           (writer.size() == 0 || handOver());
 }
 
 char* ElemSprintf(const rk_elem* elem) {
