@@ -171,21 +171,41 @@ bool CallResponseStatus(int status) {
     return StatusText(status) != nullptr;
 }
 
-std::string CallResponseHead(int status, bool gzip, size_t bodyLength, int keepAliveSeconds,
-                             size_t maxCallsPerConnection) {
+namespace {
+
+// A head with a Content-Length of `*bodyLength`, or chunked without one.
+std::string ResponseHead(int status, bool gzip, const size_t* bodyLength, int keepAliveSeconds,
+                         size_t maxCallsPerConnection) {
     std::string head = "HTTP/1.1 " + std::to_string(status) + " " + StatusText(status) + "\r\n";
     if (gzip) {
         head += "Content-Encoding: gzip\r\n";
     }
-    head += "Content-Length: " + std::to_string(bodyLength) + "\r\n";
+    if (bodyLength != nullptr) {
+        head += "Content-Length: " + std::to_string(*bodyLength) + "\r\n";
+    }
     head += "Content-Type: application/xml; charset=utf-8\r\n";
     head += "Keep-Alive: timeout=" + std::to_string(keepAliveSeconds) +
             ", max=" + std::to_string(maxCallsPerConnection) + "\r\n";
+    if (bodyLength == nullptr) {
+        head += "Transfer-Encoding: chunked\r\n";
+    }
     if (status == 401) {
         head += "WWW-Authenticate: Basic realm=\"teza\"\r\n";
     }
     head += "\r\n";
     return head;
+}
+
+}  // namespace
+
+std::string CallResponseHead(int status, bool gzip, size_t bodyLength, int keepAliveSeconds,
+                             size_t maxCallsPerConnection) {
+    return ResponseHead(status, gzip, &bodyLength, keepAliveSeconds, maxCallsPerConnection);
+}
+
+std::string CallResponseChunkedHead(int status, bool gzip, int keepAliveSeconds,
+                                    size_t maxCallsPerConnection) {
+    return ResponseHead(status, gzip, nullptr, keepAliveSeconds, maxCallsPerConnection);
 }
 
 }  // namespace tezad

@@ -46,6 +46,11 @@ bool ReadCallRequest(const char* data, size_t size, CallRequest* request);
 std::string CallResponseHead(int status, bool gzip, size_t bodyLength, int keepAliveSeconds,
                              size_t maxCallsPerConnection);
 
+// The same head for an answer sent in chunks (Transfer-Encoding: chunked) instead of with its
+// length.
+std::string CallResponseChunkedHead(int status, bool gzip, int keepAliveSeconds,
+                                    size_t maxCallsPerConnection);
+
 // Whether CallResponseHead writes this status.
 bool CallResponseStatus(int status);
 

@@ -1,5 +1,6 @@
 #include "gzip_body.h"
 
+#include <stdint.h>
 #include <stdlib.h>
 #include <strings.h>
 #include <zlib.h>
@@ -67,6 +68,51 @@ bool GzipCompress(const std::string& body, std::string* out) {
     out->resize(stream.total_out);
     deflateEnd(&stream);
     return status == Z_STREAM_END;
+}
+
+GzipStream::GzipStream(int level) : _stream(new z_stream_s()), _buffer(64u << 10, '\0') {
+    // 15 window bits, plus 16 for the gzip wrapper instead of zlib's, as GzipCompress.
+    _ok = deflateInit2(_stream.get(), level, Z_DEFLATED, 15 + 16, 8, Z_DEFAULT_STRATEGY) == Z_OK;
+}
+
+GzipStream::~GzipStream() {
+    if (_ok) {
+        deflateEnd(_stream.get());
+    }
+}
+
+bool GzipStream::Add(const char* data, size_t size, const Output& out) {
+    return Deflate(data, size, Z_NO_FLUSH, out);
+}
+
+bool GzipStream::Finish(const Output& out) {
+    return Deflate(nullptr, 0, Z_FINISH, out);
+}
+
+bool GzipStream::Deflate(const char* data, size_t size, int flush, const Output& out) {
+    if (!_ok || size > UINT32_MAX) {
+        return false;
+    }
+    z_stream_s* stream = _stream.get();
+    stream->next_in = reinterpret_cast<Bytef*>(const_cast<char*>(data));
+    stream->avail_in = static_cast<uInt>(size);
+    // Until deflate has taken all the input (and, finishing, written the trailer) with room
+    // left in the buffer.
+    for (;;) {
+        stream->next_out = reinterpret_cast<Bytef*>(&_buffer[0]);
+        stream->avail_out = static_cast<uInt>(_buffer.size());
+        const int status = deflate(stream, flush);
+        if (status == Z_STREAM_ERROR) {
+            return false;
+        }
+        const size_t produced = _buffer.size() - stream->avail_out;
+        if (produced > 0 && !out(_buffer.data(), produced)) {
+            return false;
+        }
+        if (stream->avail_out > 0 && (flush != Z_FINISH || status == Z_STREAM_END)) {
+            return true;
+        }
+    }
 }
 
 }  // namespace tezad

@@ -28,6 +28,7 @@
 #include <utility>
 #include <vector>
 
+#include "call_answer.h"
 #include "call_request.h"
 #include "gzip_body.h"
 #include "metrics_text.h"
@@ -182,19 +183,22 @@ class Connection final : public httplib::Stream {
     }
     void Consume(size_t size) { _offset += std::min(size, _length - _offset); }
 
-    // Sends `head` and then `body` whole, in one system call where the socket takes them.
-    bool WriteAll(const std::string& head, const std::string& body) {
+    // Sends `parts` whole, in order, in one system call where the socket takes them.
+    bool WriteParts(const struct iovec* parts, size_t count) {
         if (_aborted) {
             return false;
         }
         if (_ssl != nullptr) {
-            return WriteAllTls(head, body);
+            return WritePartsTls(parts, count);
         }
-        struct iovec parts[2] = {{const_cast<char*>(head.data()), head.size()},
-                                 {const_cast<char*>(body.data()), body.size()}};
+        struct iovec left[8];
+        if (count > sizeof left / sizeof left[0]) {
+            return false;
+        }
+        std::copy(parts, parts + count, left);
         struct msghdr message = {};
-        message.msg_iov = parts;
-        message.msg_iovlen = 2;
+        message.msg_iov = left;
+        message.msg_iovlen = count;
         while (message.msg_iovlen > 0) {
             ssize_t n = ::sendmsg(_fd, &message, MSG_NOSIGNAL);
             if (n <= 0) {
@@ -254,14 +258,23 @@ class Connection final : public httplib::Stream {
     }
 
   private:
-    // Over TLS a small answer goes out in one record with its head; a large one in the
-    // records of two writes.
-    bool WriteAllTls(const std::string& head, const std::string& body) {
-        if (body.size() <= sizeof _buffer) {
-            const std::string whole = head + body;
-            return WriteTls(whole.data(), whole.size());
+    // Over TLS a small answer goes out in one record with its head, and so does a chunk with
+    // its size line; a large answer in the records of two writes.
+    bool WritePartsTls(const struct iovec* parts, size_t count) {
+        size_t total = 0;
+        for (size_t i = 0; i < count; ++i) {
+            total += parts[i].iov_len;
         }
-        return WriteTls(head.data(), head.size()) && WriteTls(body.data(), body.size());
+        if (count == 2 && total - parts[0].iov_len > sizeof _buffer) {
+            return WriteTls(static_cast<const char*>(parts[0].iov_base), parts[0].iov_len) &&
+                   WriteTls(static_cast<const char*>(parts[1].iov_base), parts[1].iov_len);
+        }
+        std::string whole;
+        whole.reserve(total);
+        for (size_t i = 0; i < count; ++i) {
+            whole.append(static_cast<const char*>(parts[i].iov_base), parts[i].iov_len);
+        }
+        return WriteTls(whole.data(), whole.size());
     }
     bool WriteTls(const char* data, size_t size) {
         while (size > 0) {
@@ -526,11 +539,15 @@ class HttpFrontEnd::Server final : public httplib::Server {
         }
         // The answer's tree is freed once the answer has left (with `reply`): freeing a large
         // one takes a while, which the client then spends reading.
-        std::string body = ToXml(reply.result.get());
-        const bool gzip = Compress(request.acceptEncoding.value, &body);
-        const bool sent = c.WriteAll(CallResponseHead(reply.httpStatus, gzip, body.size(),
-                                                      _keepAliveSeconds, kMaxCallsPerConnection),
-                                     body);
+        AnswerForm form;
+        form.status = reply.httpStatus;
+        form.gzip = _gzipAboveBytes != 0 && AcceptsGzip(request.acceptEncoding.value);
+        form.gzipAboveBytes = _gzipAboveBytes;
+        form.keepAliveSeconds = _keepAliveSeconds;
+        form.maxCallsPerConnection = kMaxCallsPerConnection;
+        const bool sent = SendCallAnswer(
+            reply.result.get(), form,
+            [&c](const struct iovec* parts, size_t n) { return c.WriteParts(parts, n); });
         c.MarkIdle();
         return sent ? Served::Keep : Served::Close;
     }

@@ -9,10 +9,12 @@
 #include <unistd.h>
 #include <zlib.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
 #include "bench_service.h"
+#include "call_answer.h"
 #include "call_request.h"
 #include "gzip_body.h"
 #include "http_front_end.h"
@@ -152,36 +154,85 @@ class RawClient {
         timeval timeout = {10, 0};
         setsockopt(_fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
     }
-    ~RawClient() { close(_fd); }
+    ~RawClient() {
+        if (_fd >= 0) {
+            close(_fd);
+        }
+    }
 
     void Send(const std::string& bytes) {
         ASSERT_EQ(send(_fd, bytes.data(), bytes.size(), MSG_NOSIGNAL),
                   static_cast<ssize_t>(bytes.size()));
     }
 
-    // One answer, head and body, by its Content-Length; empty when the connection ends first.
+    // One answer, head and body as they came, by its Content-Length or its chunks; empty when
+    // the connection ends first.
     std::string Answer() {
         for (;;) {
             const size_t end = _pending.find("\r\n\r\n");
             if (end != std::string::npos) {
-                const size_t at = _pending.find("Content-Length: ");
-                const size_t length =
-                    at != std::string::npos && at < end ? std::stoul(_pending.substr(at + 16)) : 0;
-                if (_pending.size() >= end + 4 + length) {
-                    std::string answer = _pending.substr(0, end + 4 + length);
-                    _pending.erase(0, answer.size());
+                const size_t size = AnswerSize(end + 4);
+                if (size != 0) {
+                    std::string answer = _pending.substr(0, size);
+                    _pending.erase(0, size);
                     return answer;
                 }
             }
-            char buffer[65536];
-            ssize_t n = recv(_fd, buffer, sizeof buffer, 0);
-            if (n <= 0) {
+            if (!Receive()) {
                 return "";
             }
-            _pending.append(buffer, static_cast<size_t>(n));
         }
     }
 
+    // Reads at least `size` bytes (or what comes before the connection ends) and returns them.
+    std::string Some(size_t size) {
+        while (_pending.size() < size && Receive()) {
+        }
+        return _pending;
+    }
+
+    void Close() {
+        close(_fd);
+        _fd = -1;
+    }
+
+  private:
+    bool Receive() {
+        char buffer[65536];
+        ssize_t n = recv(_fd, buffer, sizeof buffer, 0);
+        if (n <= 0) {
+            return false;
+        }
+        _pending.append(buffer, static_cast<size_t>(n));
+        return true;
+    }
+
+    // The size of the answer whose body starts at `body` in the bytes received, or 0 when not
+    // all of it has come.
+    size_t AnswerSize(size_t body) const {
+        const std::string head = _pending.substr(0, body);
+        if (head.find("Transfer-Encoding: chunked\r\n") == std::string::npos) {
+            const size_t at = head.find("Content-Length: ");
+            const size_t length = at != std::string::npos ? std::stoul(head.substr(at + 16)) : 0;
+            return _pending.size() >= body + length ? body + length : 0;
+        }
+        for (size_t at = body;;) {
+            const size_t line = _pending.find("\r\n", at);
+            if (line == std::string::npos) {
+                return 0;
+            }
+            const size_t length = std::stoul(_pending.substr(at, line - at), nullptr, 16);
+            at = line + 2 + length + 2;
+            if (_pending.size() < at) {
+                return 0;
+            }
+            if (length == 0) {
+                return at;
+            }
+        }
+    }
+
+  public:
   private:
     int _fd;
     std::string _pending;
@@ -273,6 +324,143 @@ std::string Gunzip(const std::string& gzip, size_t size) {
     out.resize(stream.total_out);
     inflateEnd(&stream);
     return out;
+}
+
+// The head of an answer, up to its empty line.
+std::string HeadOf(const std::string& answer) {
+    return answer.substr(0, answer.find("\r\n\r\n") + 4);
+}
+
+// The body of an answer, its chunks joined when it came in chunks.
+std::string BodyOf(const std::string& answer) {
+    const std::string head = HeadOf(answer);
+    if (head.find("Transfer-Encoding: chunked\r\n") == std::string::npos) {
+        return answer.substr(head.size());
+    }
+    std::string body;
+    for (size_t at = head.size();;) {
+        const size_t line = answer.find("\r\n", at);
+        const size_t length = std::stoul(answer.substr(at, line - at), nullptr, 16);
+        if (length == 0) {
+            return body;
+        }
+        body += answer.substr(line + 2, length);
+        EXPECT_EQ(answer.substr(line + 2 + length, 2), "\r\n");
+        at = line + 2 + length + 2;
+    }
+}
+
+// The volumes of an answer of this many volumes are longer than kStreamAboveBytes.
+const int kStreamedVolumes = 5000;
+
+TEST_F(FrontEnd, LargeAnswersComeInChunksWithTheSameText) {
+    Start(CoreOptions());
+    const std::string call =
+        Call("bench-volumes", "<count>" + std::to_string(kStreamedVolumes) + "</count>");
+    const std::string acceptGzip = "Accept-Encoding: gzip\r\n";
+    for (bool gzip : {false, true}) {
+        RawClient client(_frontEnd->port());
+        std::string request = Request(call);
+        if (!gzip) {
+            request.erase(request.find(acceptGzip), acceptGzip.size());
+        }
+        client.Send(request);
+        const std::string direct = client.Answer();
+        // cpp-httplib answers the same call whole, with its length.
+        const size_t length = request.find("Content-Length");
+        client.Send(request.substr(0, length) + "X-Other: 1\r\n" + request.substr(length));
+        const std::string library = client.Answer();
+        const std::string head = HeadOf(direct);
+        EXPECT_NE(head.find("Transfer-Encoding: chunked\r\n"), std::string::npos) << head;
+        EXPECT_EQ(head.find("Content-Length"), std::string::npos) << head;
+        EXPECT_EQ(head.find("Content-Encoding: gzip\r\n") != std::string::npos, gzip) << head;
+        EXPECT_EQ(HeadOf(library).find("Content-Encoding: gzip\r\n") != std::string::npos, gzip);
+        std::string text = BodyOf(direct);
+        std::string whole = BodyOf(library);
+        if (gzip) {
+            EXPECT_EQ(ExtraFlags(text), 4) << "compressed at the fastest level";
+            text = Gunzip(text, 64u << 20);
+            whole = Gunzip(whole, 64u << 20);
+        }
+        EXPECT_GT(text.size(), kStreamAboveBytes);
+        EXPECT_EQ(text.size(), whole.size());
+        EXPECT_TRUE(text == whole) << "the chunked answer's text differs from the whole answer's";
+        EXPECT_NE(text.find("volume-00" + std::to_string(kStreamedVolumes - 1)), std::string::npos);
+    }
+    EXPECT_EQ(_frontEnd->callsReadDirectly(), 2u);
+}
+
+TEST_F(FrontEnd, AnswersUpToTheStreamingSizeComeWhole) {
+    Start(CoreOptions());
+    // About 0.9 MiB of text: compressed, with its length.
+    RawClient client(_frontEnd->port());
+    client.Send(Request(Call("bench-volumes", "<count>2700</count>")));
+    const std::string answer = client.Answer();
+    EXPECT_NE(HeadOf(answer).find("Content-Length: "), std::string::npos) << HeadOf(answer);
+    EXPECT_EQ(HeadOf(answer).find("Transfer-Encoding"), std::string::npos);
+    EXPECT_EQ(ExtraFlags(BodyOf(answer)), 0) << "compressed at the default level";
+}
+
+TEST_F(FrontEnd, AClientLeavingInTheMiddleOfALargeAnswerLeavesTheOthersServed) {
+    Start(CoreOptions());
+    {
+        RawClient leaving(_frontEnd->port());
+        leaving.Send(Request(Call("bench-volumes", "<count>50000</count>")));
+        const std::string start = leaving.Some(100000);
+        EXPECT_NE(start.find("Transfer-Encoding: chunked"), std::string::npos);
+        leaving.Close();
+    }
+    // Another client is served meanwhile and after, and the connection left is closed.
+    for (int i = 0; i < 3; ++i) {
+        RawClient other(_frontEnd->port());
+        other.Send(Request(
+            Call("bench-volumes", "<count>" + std::to_string(kStreamedVolumes) + "</count>")));
+        const std::string answer = other.Answer();
+        EXPECT_NE(Gunzip(BodyOf(answer), 64u << 20)
+                      .find("volume-00" + std::to_string(kStreamedVolumes - 1)),
+                  std::string::npos);
+    }
+    for (int i = 0; i < 500 && _core->GetCounters().openConnections > 0; ++i) {
+        usleep(10000);
+    }
+    EXPECT_EQ(_core->GetCounters().openConnections, 0u);
+}
+
+TEST(GzipBody, AStreamInPiecesIsTheWholeBodysGzip) {
+    std::string text;
+    for (int i = 0; text.size() <= 3 * kGzipFastAboveBytes; ++i) {
+        text += "<volume><name>volume-" + std::to_string(i) + "</name><size>" +
+                std::to_string(i * 7919) + "</size></volume>\n";
+    }
+    std::string whole;
+    ASSERT_TRUE(GzipCompress(text, &whole));
+    for (size_t piece : {size_t{1000}, size_t{128} << 10, size_t{1} << 20}) {
+        GzipStream stream(GzipLevel(text.size()));
+        ASSERT_TRUE(stream.ok());
+        std::string streamed;
+        size_t outputs = 0;
+        auto out = [&](const char* data, size_t size) {
+            streamed.append(data, size);
+            ++outputs;
+            return true;
+        };
+        for (size_t at = 0; at < text.size(); at += piece) {
+            ASSERT_TRUE(stream.Add(text.data() + at, std::min(piece, text.size() - at), out));
+        }
+        ASSERT_TRUE(stream.Finish(out));
+        EXPECT_GT(outputs, 1u) << "what deflate makes is handed on as it comes";
+        EXPECT_TRUE(streamed == whole) << "pieces of " << piece;
+    }
+}
+
+TEST(GzipBody, AStreamStopsWhenItsOutputFails) {
+    const std::string text(1u << 20, 'x');
+    GzipStream stream(1);
+    ASSERT_TRUE(stream.ok());
+    auto take = [](const char*, size_t) { return true; };
+    auto refuse = [](const char*, size_t) { return false; };
+    EXPECT_TRUE(stream.Add(text.data(), text.size(), take));
+    EXPECT_FALSE(stream.Finish(refuse)) << "the rest of the stream cannot be handed on";
 }
 
 TEST(GzipBody, LargeBodiesAreCompressedAtTheFastestLevel) {
