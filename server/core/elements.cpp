@@ -165,12 +165,9 @@ rk_elem_t* AddText(rk_elem_t* parent, const char* name, const char* value) {
 }
 
 rk_elem_t* AddElem(rk_elem_t* parent, const char* name) {
-    rk_elem_t* child = Checked(rk_elem_new(name));
-    if (rk_child_add(parent, child) == nullptr) {
-        rk_elem_free(child);
-        throw std::bad_alloc();
-    }
-    return child;
+    // Made under its parent, like a text, so that it comes from the storage of the parent's
+    // tree.
+    return Checked(rk_child_add_string(parent, name, ""));
 }
 
 std::string ToXml(rk_elem_t* elem) {

@@ -1,8 +1,9 @@
 // Element trees: creation, lookup, iteration, attributes and result elements, and the arena
 // that parsed and copied trees live in.
 //
-// Elements made one by one through the interface are allocated with new and own their
-// strings; elements of a parsed or copied tree live in an arena and point into it. Either
+// Elements of a parsed or copied tree live in an arena and point into it; so do the roots
+// made through the interface and, within bounds, the children added to their trees. Other
+// elements made through the interface are allocated apart and own their strings. Either
 // kind may be attached to, detached from and moved between trees of the other kind: freeing
 // an element releases what it owns and, for an arena element, its count in the arena.
 
@@ -105,6 +106,47 @@ rk_elem* NewOwnElement(const char* name, size_t nameLen, const char* text, size_
         elem->content = copy;
     }
     return elem;
+}
+
+// A new element of `arena` with copies of its name and text, or null when the arena cannot
+// provide the memory. Its strings are taken first: the element, once counted, must be freed.
+rk_elem* NewArenaElement(Arena* arena, const char* name, size_t nameLen, const char* text,
+                         size_t textLen) {
+    const char* nameCopy = arena->CopyString(name, nameLen);
+    const char* textCopy = arena->CopyString(text, textLen);
+    rk_elem* elem = arena->NewElement();
+    elem->name = nameCopy;
+    elem->content = textCopy;
+    return elem;
+}
+
+// A tree built through the interface may take from its arena up to this many bytes per
+// element alive in it, and this many in any case. Past that (children added and removed
+// again and again under a root kept long), new children are allocated apart, so that the
+// arena does not grow without end.
+const size_t kArenaBytesPerElement = 256;
+const size_t kArenaFloorBytes = 64u << 10;
+// Children deeper than this take their memory apart, so that adding one never walks a long
+// way up to the root.
+const int kArenaMaxDepth = 32;
+
+// The arena of the tree that `parent` is in, when its root owns one that may still grow by
+// `bytes`; null otherwise. Only the thread that uses the tree allocates from its arena: an
+// element moved out of the tree no longer reaches the arena's owner.
+Arena* TreeArena(const rk_elem* parent, size_t bytes) {
+    const rk_elem* root = parent;
+    for (int depth = 0; root->parent != nullptr; ++depth) {
+        if (depth == kArenaMaxDepth) {
+            return nullptr;
+        }
+        root = root->parent;
+    }
+    Arena* arena = root->arena;
+    if (arena == nullptr || arena->owner() != root) {
+        return nullptr;
+    }
+    const size_t limit = std::max(kArenaFloorBytes, kArenaBytesPerElement * arena->live());
+    return arena->BytesReserved() + bytes <= limit ? arena : nullptr;
 }
 
 // The capacity of an array of `count` items that the element owns: it grows by doubling,
@@ -300,7 +342,14 @@ rk_elem* ElemNew(const char* name) {
     if (!IsValidName(name)) {
         return nullptr;
     }
-    return NewOwnElement(name, strlen(name), nullptr, 0);
+    // The first element of an arena that the children of its tree come from (ChildAddString):
+    // a tree built through the interface then costs a few allocations instead of one per
+    // element, and is freed likewise.
+    const size_t nameLen = strlen(name);
+    Arena* arena = Arena::Create(sizeof(rk_elem) + nameLen + 16);
+    rk_elem* elem = NewArenaElement(arena, name, nameLen, "", 0);
+    arena->SetOwner(elem);
+    return elem;
 }
 
 void ElemFree(rk_elem* elem) {
@@ -481,7 +530,11 @@ rk_elem* ChildAddString(rk_elem* parent, const char* name, const char* value) {
     if (parent == nullptr || value == nullptr || !IsValidName(name)) {
         return nullptr;
     }
-    rk_elem* child = NewOwnElement(name, strlen(name), value, strlen(value));
+    const size_t nameLen = strlen(name);
+    const size_t valueLen = strlen(value);
+    Arena* arena = TreeArena(parent, sizeof(rk_elem) + nameLen + valueLen + 32);
+    rk_elem* child = arena != nullptr ? NewArenaElement(arena, name, nameLen, value, valueLen)
+                                      : NewOwnElement(name, nameLen, value, valueLen);
     return AddFilledChild(parent, child, [](rk_elem*) {});
 }
 

@@ -60,6 +60,13 @@ class Arena {
     void Touch() { _root = nullptr; }
     // Whether `elem` is the root of SetRoot and its tree has not changed since.
     bool IsIntactRoot(const rk_elem* elem) const { return elem == _root; }
+    // The element made through the interface (ElemNew) whose tree the arena serves: children
+    // added anywhere in that tree while it is the root take their memory from the arena.
+    // Null for a parsed or copied tree.
+    void SetOwner(const rk_elem* owner) { _owner = owner; }
+    const rk_elem* owner() const { return _owner; }
+    // Elements allocated from the arena and not yet freed.
+    size_t live() const { return _live.load(std::memory_order_relaxed); }
 
   private:
     struct Block {
@@ -71,6 +78,7 @@ class Arena {
     void AddBlock(size_t bytes);
     std::atomic<size_t> _live{0};
     const rk_elem* _root = nullptr;
+    const rk_elem* _owner = nullptr;
     Block* _blocks = nullptr;
     char* _cursor = nullptr;
     size_t _left = 0;
@@ -93,9 +101,12 @@ struct RkAttribute {
 // One element of a tree, kept small: a parsed tree pays no heap allocation per element, name
 // or text. Its elements, their child and attribute arrays and their strings come from one
 // arena (rk::Arena) that lives as long as any of its elements, wherever they were moved.
-// An element made through the interface is one allocation holding its name and first text
-// after it. Whatever the interface changes afterwards (a text, an attribute, a child added)
-// gets storage of its own, which the element owns (the `owns*` flags) and frees.
+// An element made through the interface (rk_elem_new) is the first element of an arena of
+// its own, and the elements that rk_child_add_* adds to its tree come from that arena too,
+// within bounds (element.cpp); other elements made through the interface are one allocation
+// holding their name and first text after it. Whatever the interface changes afterwards (a
+// text, an attribute, a child array that grows) gets storage of its own, which the element
+// owns (the `owns*` flags) and frees.
 //
 // A parent owns its children; a root is owned by whoever made it.
 struct rk_elem {
