@@ -2,6 +2,7 @@
 // and result elements.
 
 #include <gtest/gtest.h>
+#include <malloc.h>
 #include <stdlib.h>
 #include <string.h>
 
@@ -385,6 +386,83 @@ TEST(RkParsedTree, SubtreesOfOneTreeAreFreedOnTwoThreadsAtOnce) {
         first.join();
         second.join();
     }
+}
+
+// A tree built through the interface: a root and `count` children with texts and a nested
+// element each.
+ElemPtr BuiltTree(int count) {
+    ElemPtr root(rk_elem_new("root"));
+    for (int i = 0; i < count; ++i) {
+        rk_elem_t* item = rk_child_add_string(root.get(), "item", "");
+        rk_child_add_string(item, "name", ("item-" + std::to_string(i)).c_str());
+        rk_child_add_bool(rk_child_add_string(item, "nested", ""), "on", i % 2);
+    }
+    return root;
+}
+
+TEST(RkBuiltTree, ElementsOutliveTheTreeTheyWereMovedOutOf) {
+    ElemPtr tree = BuiltTree(100);
+    ElemPtr other(rk_elem_new("other"));
+    rk_elem_t* moved = rk_child_remove(tree.get(), rk_elem_child(tree.get(), "item"));
+    ASSERT_NE(rk_child_add(other.get(), moved), nullptr);
+    ElemPtr detached(rk_child_remove(tree.get(), rk_elem_child(tree.get(), "item")));
+    ElemPtr copy(rk_elem_copy(tree.get()));
+    const std::string copied = Sprintf(copy.get());
+    tree.reset();
+    // What was moved, detached or copied stays whole and takes new children.
+    EXPECT_STREQ(rk_child_get_string(moved, "name"), "item-0");
+    EXPECT_STREQ(rk_child_get_string(detached.get(), "name"), "item-1");
+    ASSERT_NE(rk_child_add_string(moved, "more", "a < b"), nullptr);
+    ASSERT_NE(rk_child_add_string(detached.get(), "more", "c"), nullptr);
+    EXPECT_NE(Sprintf(other.get()).find("<more>a &lt; b</more>"), std::string::npos);
+    EXPECT_EQ(Sprintf(copy.get()), copied);
+    EXPECT_EQ(rk_elem_child_count(copy.get()), 98u);
+    // Freed apart, in any order.
+    rk_elem_free(rk_child_remove(other.get(), moved));
+    detached.reset();
+    other.reset();
+}
+
+TEST(RkBuiltTree, SubtreesOfOneBuiltTreeGrowOnTwoThreadsAtOnce) {
+    // Each thread adds children under its own detached part of one built tree, whose root
+    // is still used by this thread.
+    ElemPtr tree = BuiltTree(2);
+    ElemPtr first(rk_child_remove(tree.get(), rk_elem_child(tree.get(), "item")));
+    ElemPtr second(rk_child_remove(tree.get(), rk_elem_child(tree.get(), "item")));
+    auto grow = [](rk_elem_t* elem) {
+        for (int i = 0; i < 2000; ++i) {
+            rk_child_add_string(elem, "x", "text");
+        }
+    };
+    std::thread one([&] { grow(first.get()); });
+    std::thread two([&] { grow(second.get()); });
+    grow(tree.get());
+    one.join();
+    two.join();
+    EXPECT_EQ(rk_elem_child_count(first.get()), 2002u);
+    EXPECT_EQ(rk_elem_child_count(second.get()), 2002u);
+    EXPECT_EQ(rk_elem_child_count(tree.get()), 2000u);
+}
+
+TEST(RkBuiltTree, ChildrenAddedAndRemovedUnderALongKeptRootTakeNoMoreMemory) {
+    ElemPtr root(rk_elem_new("root"));
+    rk_child_add_string(root.get(), "kept", "value");
+    auto cycle = [&root](int times) {
+        for (int i = 0; i < times; ++i) {
+            rk_elem_free(rk_child_add_string(root.get(), "passing", "a text of some length"));
+        }
+    };
+    // Bytes allocated, small and large.
+    auto allocated = [] {
+        const struct mallinfo2 info = mallinfo2();
+        return info.uordblks + info.hblkhd;
+    };
+    cycle(10000);
+    const size_t before = allocated();
+    cycle(200000);
+    // 200,000 children of about 80 bytes each would take 16 MB if their memory stayed.
+    EXPECT_LT(allocated(), before + (1u << 20));
+    EXPECT_EQ(rk_elem_child_count(root.get()), 1u);
 }
 
 TEST(RkStartup, StartupAndShutdown) {
