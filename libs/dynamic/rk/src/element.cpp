@@ -108,8 +108,8 @@ rk_elem* NewOwnElement(const char* name, size_t nameLen, const char* text, size_
     return elem;
 }
 
-// A new element of `arena` with copies of its name and text, or null when the arena cannot
-// provide the memory. Its strings are taken first: the element, once counted, must be freed.
+// A new element of `arena` with copies of its name and text. Throws std::bad_alloc; the
+// strings are taken first, so that an element is counted in the arena only once it is whole.
 rk_elem* NewArenaElement(Arena* arena, const char* name, size_t nameLen, const char* text,
                          size_t textLen) {
     const char* nameCopy = arena->CopyString(name, nameLen);
