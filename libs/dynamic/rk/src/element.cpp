@@ -38,12 +38,33 @@ const char kEncryptedScheme[] = "aes-256-gcm";
 // The most attributes one element can hold (the width of rk_elem::attrCount).
 const uint32_t kMaxAttributesPerElement = (1u << 27) - 1;
 
-bool IsNameStart(unsigned char c) {
+constexpr bool IsNameStartByte(unsigned char c) {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_' || c == ':' || c >= 0x80;
 }
 
+constexpr bool IsNameByte(unsigned char c) {
+    return IsNameStartByte(c) || (c >= '0' && c <= '9') || c == '-' || c == '.';
+}
+
+// What each byte may be in a name, looked up once per byte: every element added is checked.
+struct NameTable {
+    bool start[256] = {};
+    bool inside[256] = {};
+    constexpr NameTable() {
+        for (int c = 0; c < 256; ++c) {
+            start[c] = IsNameStartByte(static_cast<unsigned char>(c));
+            inside[c] = IsNameByte(static_cast<unsigned char>(c));
+        }
+    }
+};
+constexpr NameTable kNameBytes;
+
+bool IsNameStart(unsigned char c) {
+    return kNameBytes.start[c];
+}
+
 bool IsNameChar(unsigned char c) {
-    return IsNameStart(c) || (c >= '0' && c <= '9') || c == '-' || c == '.';
+    return kNameBytes.inside[c];
 }
 
 bool IsAncestorOrSelf(const rk_elem* candidate, const rk_elem* elem) {

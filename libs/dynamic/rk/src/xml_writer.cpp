@@ -136,18 +136,22 @@ class Writer {
     }
 
   private:
+    // `text` is NUL-terminated, `len` its length. Runs of bytes that stand for themselves
+    // (most texts are one run) are found by the C library's scan and copied whole.
     static char* EscapeInto(char* w, const char* text, size_t len) {
-        for (size_t i = 0; i < len; ++i) {
-            const unsigned char c = static_cast<unsigned char>(text[i]);
-            const size_t n = kEscapes.length[c];
-            if (n == 0) {
-                *w++ = static_cast<char>(c);
-            } else {
-                memcpy(w, kEscapes.entity[c], n);
-                w += n;
+        const char* const end = text + len;
+        for (;;) {
+            const size_t run = strcspn(text, "&<>\"'");
+            memcpy(w, text, run);
+            w += run;
+            text += run;
+            if (text == end) {
+                return w;
             }
+            const unsigned char c = static_cast<unsigned char>(*text++);
+            memcpy(w, kEscapes.entity[c], kEscapes.length[c]);
+            w += kEscapes.length[c];
         }
-        return w;
     }
     char* Room(size_t n) {
         if (_out->size() - _used < n) {
