@@ -465,6 +465,49 @@ TEST(RkBuiltTree, ChildrenAddedAndRemovedUnderALongKeptRootTakeNoMoreMemory) {
     EXPECT_EQ(rk_elem_child_count(root.get()), 1u);
 }
 
+TEST(RkBuiltTree, ChildListsGrowAndShrinkInAnyOrder) {
+    // Children added and removed at random under the parents of a built tree, one of them
+    // detached half-way (it then grows apart from the tree), against a list kept aside.
+    ElemPtr root(rk_elem_new("root"));
+    std::vector<rk_elem_t*> parents;
+    std::vector<std::vector<std::string>> expected(4);
+    for (int i = 0; i < 4; ++i) {
+        parents.push_back(rk_child_add_string(root.get(), "parent", ""));
+    }
+    ElemPtr detached;
+    unsigned state = 12345;
+    auto next = [&state] {
+        state = state * 1103515245u + 12345u;
+        return state >> 8;
+    };
+    for (int step = 0; step < 20000; ++step) {
+        if (step == 10000) {
+            detached.reset(rk_child_remove(root.get(), parents[3]));
+        }
+        const size_t p = next() % 4;
+        std::vector<std::string>& names = expected[p];
+        if (!names.empty() && next() % 3 == 0) {
+            const size_t at = next() % names.size();
+            rk_iterator_t it = rk_child_iterator(parents[p]);
+            rk_elem_t* child = nullptr;
+            for (size_t i = 0; i <= at; ++i) {
+                child = rk_iterator_next(&it);
+            }
+            rk_elem_free(rk_child_remove(parents[p], child));
+            names.erase(names.begin() + static_cast<std::ptrdiff_t>(at));
+        } else {
+            const std::string name = "c" + std::to_string(step);
+            ASSERT_NE(rk_child_add_string(parents[p], name.c_str(), "t"), nullptr);
+            names.push_back(name);
+        }
+    }
+    for (size_t p = 0; p < 4; ++p) {
+        EXPECT_EQ(ChildNames(parents[p]), expected[p]) << "parent " << p;
+    }
+    root.reset();
+    EXPECT_EQ(ChildNames(detached.get()), expected[3]);
+}
+
 TEST(RkStartup, StartupAndShutdown) {
     char error[256] = "untouched";
     EXPECT_NE(rk_startup(error, sizeof(error)), 0);

@@ -199,6 +199,35 @@ T* GrowArray(T* array, size_t count, bool owned) {
     return grown;
 }
 
+// Makes room for one more child of `parent`. An element made through the interface in an
+// arena (its arena has an owner) takes its child array from that arena while it is part of
+// the arena's tree, sized as an owned array is (Capacity), so that it grows in place
+// likewise; a parsed or copied element's array in its arena holds exactly its children.
+void GrowChildren(rk_elem* parent) {
+    const size_t count = parent->childCount;
+    const bool sized = parent->ownsChildren != 0 ||
+                       (parent->arena != nullptr && parent->arena->owner() != nullptr);
+    if (parent->children != nullptr && sized && count + 1 <= Capacity(count)) {
+        return;
+    }
+    const size_t bytes = Capacity(count + 1) * sizeof(rk_elem*);
+    Arena* arena = parent->arena;
+    if (arena == nullptr || arena->owner() == nullptr || TreeArena(parent, bytes) != arena) {
+        parent->children = GrowArray(parent->children, count, parent->ownsChildren != 0);
+        parent->ownsChildren = 1;
+        return;
+    }
+    auto* grown = static_cast<rk_elem**>(arena->Allocate(bytes));
+    if (count > 0) {
+        memcpy(grown, parent->children, count * sizeof(rk_elem*));
+    }
+    if (parent->ownsChildren) {
+        free(parent->children);
+    }
+    parent->children = grown;
+    parent->ownsChildren = 0;
+}
+
 // Frees what the element owns, not the element itself.
 void ReleaseStorage(rk_elem* elem) {
     if (elem->ownsName) {
@@ -502,8 +531,7 @@ rk_elem* ChildAdd(rk_elem* parent, rk_elem* child) {
     }
     Touch(parent);
     Touch(child);
-    parent->children = GrowArray(parent->children, parent->childCount, parent->ownsChildren != 0);
-    parent->ownsChildren = 1;
+    GrowChildren(parent);
     parent->children[parent->childCount++] = child;
     child->parent = parent;
     return child;
