@@ -56,8 +56,14 @@ class Arena {
     // `root` is the root of a tree holding every element of the arena, none with storage of
     // its own.
     void SetRoot(const rk_elem* root) { _root = root; }
-    // One of the arena's elements is about to change.
-    void Touch() { _root = nullptr; }
+    // One of the arena's elements is about to change. Written only while the tree is intact,
+    // when its elements are all in one tree and so used by one thread: the elements of an
+    // arena spread over trees used by several threads then only read it.
+    void Touch() {
+        if (_root != nullptr) {
+            _root = nullptr;
+        }
+    }
     // Whether `elem` is the root of SetRoot and its tree has not changed since.
     bool IsIntactRoot(const rk_elem* elem) const { return elem == _root; }
     // The element made through the interface (ElemNew) whose tree the arena serves: children
