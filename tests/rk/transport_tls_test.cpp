@@ -60,6 +60,27 @@ TEST_F(TlsTransport, TrustedServerAnswers) {
     EXPECT_EQ(server.core().GetCounters().connections, 1u);
 }
 
+TEST_F(TlsTransport, LargeAnswersInChunksAreReadWhole) {
+    // Over a mebibyte of text: tezad sends it in chunks, gzip-compressed, as it writes it.
+    ServerConfig config = Tls("server");
+    config.bench = true;
+    TestServer server(config);
+    ServerPtr h = Https(server, "server");
+    for (int i = 0; i < 2; ++i) {
+        ElemPtr result(rk_server_invoke(h.get(), "bench-volumes", "count", "5000", nullptr));
+        ASSERT_EQ(Read(result.get()).status, 1) << Read(result.get());
+        rk_elem_t* volumes = rk_elem_child(result.get(), "volumes");
+        ASSERT_EQ(rk_elem_child_count(volumes), 5000u);
+        rk_iterator_t it = rk_child_iterator(volumes);
+        rk_elem_t* last = nullptr;
+        for (rk_elem_t* v = rk_iterator_next(&it); v != nullptr; v = rk_iterator_next(&it)) {
+            last = v;
+        }
+        EXPECT_STREQ(rk_child_get_string(last, "name"), "volume-004999");
+    }
+    EXPECT_EQ(server.core().GetCounters().connections, 1u) << "the connection is kept";
+}
+
 TEST_F(TlsTransport, EncryptedValueOverTls) {
     TestServer server(Tls("server"));
     ServerPtr h = Https(server, "server");

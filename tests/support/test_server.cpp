@@ -14,6 +14,8 @@
 #include <ostream>
 #include <sstream>
 
+#include "bench_service.h"
+
 namespace teza_test {
 
 const char kLogin[] = "admin";
@@ -31,6 +33,9 @@ TestServer::TestServer(ServerConfig config)
     : _core(std::make_unique<tezad::ServiceCore>(config.core)) {
     if (config.demo) {
         _demo.Install(_core.get());
+    }
+    if (config.bench) {
+        tezad::BenchService::Install(_core.get());
     }
     if (!config.script.empty()) {
         std::string error;

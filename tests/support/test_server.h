@@ -26,6 +26,7 @@ struct ServerConfig {
     tezad::HttpOptions http;  // 127.0.0.1, a free port
     std::string script;       // script text, when not empty
     bool demo = true;
+    bool bench = false;  // the benchmarks' APIs (bench-call, bench-volumes)
 };
 
 // Starts at construction (a failure fails the test), stops at destruction.
