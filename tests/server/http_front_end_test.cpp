@@ -240,10 +240,10 @@ class RawClient {
 
 class FrontEnd : public ::testing::Test {
   protected:
-    void Start(CoreOptions options) {
+    void Start(CoreOptions options, HttpOptions http = HttpOptions()) {
         _core = std::make_unique<ServiceCore>(std::move(options));
         BenchService::Install(_core.get());
-        _frontEnd = std::make_unique<HttpFrontEnd>(_core.get(), HttpOptions());
+        _frontEnd = std::make_unique<HttpFrontEnd>(_core.get(), http);
         std::string error;
         ASSERT_TRUE(_frontEnd->Start(&error)) << error;
     }
@@ -424,6 +424,29 @@ TEST_F(FrontEnd, AClientLeavingInTheMiddleOfALargeAnswerLeavesTheOthersServed) {
         usleep(10000);
     }
     EXPECT_EQ(_core->GetCounters().openConnections, 0u);
+}
+
+TEST_F(FrontEnd, AClientThatStopsReadingALargeAnswerIsLeftAfterTheTimeOut) {
+    HttpOptions http;
+    http.readTimeoutSeconds = 1;
+    Start(CoreOptions(), http);
+    RawClient stalled(_frontEnd->port());
+    // Without gzip, so that the answer fills the socket's buffers long before its end.
+    std::string request = Request(Call("bench-volumes", "<count>50000</count>"));
+    const std::string acceptGzip = "Accept-Encoding: gzip\r\n";
+    request.erase(request.find(acceptGzip), acceptGzip.size());
+    stalled.Send(request);
+    EXPECT_NE(stalled.Some(1000).find("Transfer-Encoding: chunked"), std::string::npos);
+    // Others are served while the write waits.
+    RawClient other(_frontEnd->port());
+    other.Send(Request(Call("system-get-corvi-version")));
+    EXPECT_NE(other.Answer().find("HTTP/1.1 200 OK"), std::string::npos);
+    // The stalled write fails after the time-out and its connection is closed; the other
+    // one stays open.
+    for (int i = 0; i < 1000 && _core->GetCounters().openConnections > 1; ++i) {
+        usleep(10000);
+    }
+    EXPECT_EQ(_core->GetCounters().openConnections, 1u);
 }
 
 TEST(GzipBody, AStreamInPiecesIsTheWholeBodysGzip) {
