@@ -75,9 +75,13 @@ class Arena {
     size_t live() const { return _live.load(std::memory_order_relaxed); }
 
   private:
+    // A block's header: blocks of kMapFrom bytes or more are mapped from the system on their
+    // own (`mapped` is then their size) and unmapped when the arena is freed.
     struct Block {
         Block* next;
+        size_t mapped;
     };
+    static const size_t kMapFrom = 256u << 10;
     Arena() = default;
     ~Arena() = default;
     // Starts a new block that holds at least `bytes` bytes.
@@ -254,8 +258,11 @@ struct ParseError {
 };
 
 // Parses a document (XML 1.0 in UTF-8) within `limits`; on failure returns null and says why
-// in `error`.
-rk_elem* ParseXml(const char* text, size_t len, const ParseLimits& limits, ParseError* error);
+// in `error`. With `discardRead`, `text` must start a private anonymous mapping (mmap) that the
+// caller no longer reads: the parse gives its pages back to the system as it moves past them,
+// so that a large document and its tree are not held whole at the same time.
+rk_elem* ParseXml(const char* text, size_t len, const ParseLimits& limits, ParseError* error,
+                  bool discardRead = false);
 
 // Whether `text` can stand in an XML 1.0 document: valid UTF-8 holding only characters of
 // XML's Char production. On failure, `*offset` is the byte offset of the first bad

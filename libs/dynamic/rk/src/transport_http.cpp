@@ -31,6 +31,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <strings.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <time.h>
 
@@ -47,17 +48,22 @@ namespace {
 
 const char kPath[] = "/teza";
 
-// Below this size an answer's buffer doubles as it grows; past it, the buffer is made as large as
-// the limit at once. Only the bytes written into it become resident, and growing it never needs
-// the old and the new buffer at their full sizes together.
-const size_t kGrowInSteps = 1u << 20;
+// Below this size an answer's buffer doubles as it grows, in the C library's heap; past it, the
+// buffer is mapped from the system as large as the limit at once (or as the announced length).
+// Only the pages written into a mapping become resident, and growing never needs the old and
+// the new buffer at their full sizes together.
+const size_t kGrowInSteps = 64u << 10;
 
-// The body of one answer: malloc'd so that a large buffer grows with realloc (which the C
-// library may do without copying), never past the capacity it is asked for.
+// The body of one answer: a small one malloc'd, a large one mapped on its own, so that it never
+// moves the C library's threshold for mapping blocks (glibc raises it to the size of each
+// mapped block freed, after which the next answers' trees and records would stay in its heap,
+// resident after they are freed), and its pages go back to the system as soon as it is freed
+// (or, through the parse, as soon as they are read). Huge pages, where the system gives them,
+// spare a fault per 4 KiB page. Never grows past the capacity it is asked for.
 class AnswerBuffer {
   public:
     AnswerBuffer() = default;
-    ~AnswerBuffer() { free(_data); }
+    ~AnswerBuffer() { Release(); }
     AnswerBuffer(const AnswerBuffer&) = delete;
     AnswerBuffer& operator=(const AnswerBuffer&) = delete;
 
@@ -65,24 +71,49 @@ class AnswerBuffer {
     size_t size() const { return _size; }
     size_t capacity() const { return _capacity; }
     bool empty() const { return _size == 0; }
+    // Whether the buffer is a mapping of its own, whose pages the parse may give back.
+    bool mapped() const { return _mapped; }
     void clear() { _size = 0; }
     void Release() {
-        free(_data);
+        if (_mapped) {
+            munmap(_data, _capacity);
+        } else {
+            free(_data);
+        }
         _data = nullptr;
         _size = 0;
         _capacity = 0;
+        _mapped = false;
     }
     // False when memory is exhausted; the buffer is then unchanged.
     bool Reserve(size_t capacity) {
         if (capacity <= _capacity) {
             return true;
         }
-        char* grown = static_cast<char*>(realloc(_data, capacity));
-        if (grown == nullptr) {
+        if (capacity <= kGrowInSteps) {
+            char* grown = static_cast<char*>(realloc(_data, capacity));
+            if (grown == nullptr) {
+                return false;
+            }
+            _data = grown;
+            _capacity = capacity;
+            return true;
+        }
+        void* mapped =
+            mmap(nullptr, capacity, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        if (mapped == MAP_FAILED) {
             return false;
         }
-        _data = grown;
+        madvise(mapped, capacity, MADV_HUGEPAGE);
+        if (_size > 0) {
+            memcpy(mapped, _data, _size);
+        }
+        const size_t size = _size;
+        Release();
+        _data = static_cast<char*>(mapped);
+        _size = size;
         _capacity = capacity;
+        _mapped = true;
         return true;
     }
     // REQUIRES: size() + n <= capacity().
@@ -95,6 +126,7 @@ class AnswerBuffer {
     char* _data = nullptr;
     size_t _size = 0;
     size_t _capacity = 0;
+    bool _mapped = false;
 };
 
 // Host names and addresses that never go through a proxy: "localhost" and the loopback
@@ -683,10 +715,10 @@ rk_elem* CurlConnection::Answer(const ServerSettings& s) {
     curl_easy_getinfo(_easy, CURLINFO_TOTAL_TIME, &spent);
     ParseError parseError;
     std::unique_ptr<rk_elem, void (*)(rk_elem*)> tree(
-        _body.empty()
-            ? nullptr
-            : ParseXml(_body.data(), _body.size(),
-                       ParseLimits::ForCall(_limit, s.timeoutSeconds, spent), &parseError),
+        _body.empty() ? nullptr
+                      : ParseXml(_body.data(), _body.size(),
+                                 ParseLimits::ForCall(_limit, s.timeoutSeconds, spent), &parseError,
+                                 _body.mapped()),
         ElemFree);
     if (tree == nullptr &&
         (parseError.code == RK_ERR_TOO_LARGE || parseError.code == RK_ERR_TIMEOUT)) {

@@ -25,6 +25,8 @@
 // holds.
 
 #include <string.h>
+#include <sys/mman.h>
+#include <unistd.h>
 #if defined(__SSE2__)
 #include <emmintrin.h>
 #endif
@@ -233,6 +235,7 @@ class OpenStack {
     bool empty() const { return _depth == 0; }
     size_t size() const { return _depth; }
     OpenElement& back() { return _entries[_depth - 1]; }
+    const OpenElement& at(size_t i) const { return _entries[i]; }
     OpenElement& push() {
         if (_depth == _entries.size()) {
             _entries.emplace_back();
@@ -321,7 +324,7 @@ class NameTable {
 class Parser {
   public:
     Parser(const char* text, size_t len, const ParseLimits& limits, ParseError* error,
-           Scratch* scratch)
+           Scratch* scratch, bool discardRead)
         : _begin(text),
           _p(text),
           _end(text + len),
@@ -330,7 +333,10 @@ class Parser {
           _open(scratch->open),
           _children(scratch->children),
           _attrs(scratch->attrs),
-          _order(scratch->order) {}
+          _order(scratch->order),
+          _discard(discardRead),
+          _discardedUpTo(text),
+          _nextDiscard(text + kDiscardEvery) {}
 
     rk_elem* Parse();
 
@@ -436,6 +442,10 @@ class Parser {
         return true;
     }
     bool TreeTooLarge();
+    void DiscardRead();
+
+    // How far the parse moves between two givings back of the document's pages.
+    static const size_t kDiscardEvery = 1u << 20;
 
     const char* const _begin;
     const char* _p;
@@ -452,6 +462,9 @@ class Parser {
     std::vector<RawAttribute>& _attrs;
     std::vector<size_t>& _order;
     NameTable _names;
+    const bool _discard;
+    const char* _discardedUpTo;  // the pages before it were dealt with
+    const char* _nextDiscard;
 };
 
 bool Parser::CheckChars() {
@@ -636,6 +649,40 @@ bool Parser::TreeTooLarge() {
                     std::to_string(_limits.maxBytes) + " bytes");
 }
 
+// Gives back to the system the pages of the document between the last call and the parse's
+// position that nothing refers to any more. Behind its position the parse reads nothing but
+// the names and first text pieces of the open elements, which keep their pages; the few
+// kilobytes just behind the position are kept too.
+void Parser::DiscardRead() {
+    const char* const to = _p - std::min<size_t>(static_cast<size_t>(_p - _begin), 4096);
+    std::vector<std::pair<const char*, const char*>> kept;
+    for (size_t i = 0; i < _open.size(); ++i) {
+        const OpenElement& open = _open.at(i);
+        kept.emplace_back(open.name, open.name + open.nameLen);
+        if (!open.joined && open.piece != nullptr) {
+            kept.emplace_back(open.piece, open.piece + open.pieceLen);
+        }
+    }
+    kept.emplace_back(to, to);
+    std::sort(kept.begin(), kept.end());
+    const uintptr_t page = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
+    const char* from = _discardedUpTo;
+    for (const auto& range : kept) {
+        // The whole pages between the end of what was kept last and the start of this range.
+        const uintptr_t first = (reinterpret_cast<uintptr_t>(from) + page - 1) & ~(page - 1);
+        const uintptr_t last = reinterpret_cast<uintptr_t>(std::min(range.first, to)) & ~(page - 1);
+        if (last > first) {
+            madvise(reinterpret_cast<void*>(first), last - first, MADV_DONTNEED);
+        }
+        from = std::max(from, range.second);
+        if (from >= to) {
+            break;
+        }
+    }
+    _discardedUpTo = std::max(_discardedUpTo, to);
+    _nextDiscard = _p + kDiscardEvery;
+}
+
 // Reads characters up to `stop` or the end of the document, references included; `check` sees
 // every other character first and refuses it by returning false.
 template <typename Check>
@@ -674,6 +721,9 @@ bool Parser::ReadStartTag() {
     bool empty = false;
     if (!CheckBudget()) {
         return false;
+    }
+    if (_discard && _p >= _nextDiscard) {
+        DiscardRead();
     }
     if (_p < _end && *_p == '>') {
         // The common start tag, without attributes.
@@ -1162,7 +1212,8 @@ bool IsXmlText(const char* text, size_t len, size_t* offset, const char** why) {
     return false;
 }
 
-rk_elem* ParseXml(const char* text, size_t len, const ParseLimits& limits, ParseError* error) {
+rk_elem* ParseXml(const char* text, size_t len, const ParseLimits& limits, ParseError* error,
+                  bool discardRead) {
     if (text == nullptr) {
         error->code = RK_ERR_MALFORMED;
         error->reason = "no text to parse";
@@ -1186,7 +1237,7 @@ rk_elem* ParseXml(const char* text, size_t len, const ParseLimits& limits, Parse
             scratch->busy = false;
         }
     } done{scratch};
-    Parser parser(text, len, limits, error, scratch);
+    Parser parser(text, len, limits, error, scratch, discardRead);
     return parser.Parse();
 }
 
