@@ -531,8 +531,12 @@ rk_elem* ElemChild(const rk_elem* elem, const char* name) {
     if (elem == nullptr || name == nullptr) {
         return nullptr;
     }
+    // The names of a record's fields mostly differ in their first byte: comparing it first
+    // passes over the other children without a call.
+    const char first = name[0];
     for (uint32_t i = 0; i < elem->childCount; ++i) {
-        if (strcmp(elem->children[i]->name, name) == 0) {
+        const char* childName = elem->children[i]->name;
+        if (childName[0] == first && strcmp(childName, name) == 0) {
             return elem->children[i];
         }
     }
