@@ -268,4 +268,29 @@ TEST(RkXmlPieces, NullElementOrReceiverWritesNothing) {
     EXPECT_TRUE(pieces.items.empty());
 }
 
+// Texts of every length up to a few times sixteen bytes, with a reference, a ">" or a "]]>" at
+// every place: the scan of plain text stops at each of them wherever it stands.
+TEST(RkXml, TextStopsAreFoundAtEveryPlace) {
+    for (size_t length = 0; length <= 50; ++length) {
+        for (size_t at = 0; at <= length; ++at) {
+            const std::string before(at, 'x');
+            const std::string after(length - at, 'y');
+            const std::string text = "<r>" + before + "&amp;" + after + "</r>";
+            ElemPtr tree = Parse(text);
+            ASSERT_NE(tree, nullptr) << text;
+            EXPECT_EQ(std::string(rk_elem_get_content(tree.get())), before + "&amp;" + after);
+            ElemPtr greater = Parse("<r>" + before + ">" + after + "</r>");
+            ASSERT_NE(greater, nullptr);
+            EXPECT_EQ(std::string(rk_elem_get_content(greater.get())), before + ">" + after);
+            std::string error;
+            EXPECT_EQ(Parse("<r>" + before + "]]>" + after + "</r>", &error), nullptr);
+            EXPECT_NE(error.find("at offset " + std::to_string(3 + at)), std::string::npos)
+                << error;
+            EXPECT_EQ(Parse("<r>" + before + "&bad " + after + "</r>", &error), nullptr);
+            EXPECT_NE(error.find("at offset " + std::to_string(3 + at)), std::string::npos)
+                << error;
+        }
+    }
+}
+
 }  // namespace
