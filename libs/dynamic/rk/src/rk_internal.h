@@ -75,13 +75,14 @@ class Arena {
     size_t live() const { return _live.load(std::memory_order_relaxed); }
 
   private:
-    // A block's header: blocks of kMapFrom bytes or more are mapped from the system on their
-    // own (`mapped` is then their size) and unmapped when the arena is freed.
+    // A block's header: blocks of kMapFrom bytes or more (the full blocks of a large tree) are
+    // mapped from the system on their own (`mapped` is then their size) and unmapped when the
+    // arena is freed; smaller ones come from the C library's heap, reused without page faults.
     struct Block {
         Block* next;
         size_t mapped;
     };
-    static const size_t kMapFrom = 256u << 10;
+    static const size_t kMapFrom = 4u << 20;
     Arena() = default;
     ~Arena() = default;
     // Starts a new block that holds at least `bytes` bytes.

@@ -48,11 +48,15 @@ namespace {
 
 const char kPath[] = "/teza";
 
-// Below this size an answer's buffer doubles as it grows, in the C library's heap; past it, the
-// buffer is mapped from the system as large as the limit at once (or as the announced length).
-// Only the pages written into a mapping become resident, and growing never needs the old and
-// the new buffer at their full sizes together.
-const size_t kGrowInSteps = 64u << 10;
+// Below this size an answer's buffer doubles as it grows, in the C library's heap, whose memory
+// the next answers reuse without a page fault; past it, the buffer is mapped from the system as
+// large as the limit at once (or as the announced length). Only the pages written into a
+// mapping become resident, and growing never needs the old and the new buffer at their full
+// sizes together.
+const size_t kGrowInSteps = 4u << 20;
+
+// The first bytes of a mapped answer that take small pages.
+const size_t kSmallPagesFirst = 2u << 20;
 
 // The body of one answer: a small one malloc'd, a large one mapped on its own, so that it never
 // moves the C library's threshold for mapping blocks (glibc raises it to the size of each
@@ -104,7 +108,13 @@ class AnswerBuffer {
         if (mapped == MAP_FAILED) {
             return false;
         }
-        madvise(mapped, capacity, MADV_HUGEPAGE);
+        // Huge pages past the first 2 MiB only: an answer of a few hundred kilobytes (a mapping
+        // as large as the limit when its size is not announced) then takes 4 KiB pages as it
+        // is written, not a 2 MiB page to clear for its first byte.
+        if (capacity > kSmallPagesFirst) {
+            madvise(static_cast<char*>(mapped) + kSmallPagesFirst, capacity - kSmallPagesFirst,
+                    MADV_HUGEPAGE);
+        }
         if (_size > 0) {
             memcpy(mapped, _data, _size);
         }
