@@ -465,6 +465,75 @@ TEST(RkBuiltTree, ChildrenAddedAndRemovedUnderALongKeptRootTakeNoMoreMemory) {
     EXPECT_EQ(rk_elem_child_count(root.get()), 1u);
 }
 
+// Bytes the C library has handed out, small and large.
+size_t AllocatedBytes() {
+    const struct mallinfo2 info = mallinfo2();
+    return info.uordblks + info.hblkhd;
+}
+
+// How an item built apart may have changed before it is attached to the list (the runtime
+// writes nested records this way: a new element, filled, then attached).
+enum class ItemChange {
+    None,
+    ContentSet,
+    AttributeSet,
+    ForeignChildAdded,
+    ChildDetached,
+    GrownAfterAttaching
+};
+
+TEST(RkBuiltTree, ItemsBuiltApartAndAttachedAreFreedWithTheTreeWhateverChangedThem) {
+    const std::string big(256 << 10, 'x');  // what would stay behind if a change were missed
+    for (ItemChange change : {ItemChange::None, ItemChange::ContentSet, ItemChange::AttributeSet,
+                              ItemChange::ForeignChildAdded, ItemChange::ChildDetached,
+                              ItemChange::GrownAfterAttaching}) {
+        SCOPED_TRACE(static_cast<int>(change));
+        const size_t before = AllocatedBytes();
+        std::vector<ElemPtr> kept;
+        ElemPtr root(rk_elem_new("root"));
+        rk_elem_t* list = rk_child_add_string(root.get(), "items", "");
+        for (int i = 0; i < 64; ++i) {
+            rk_elem_t* item = rk_elem_new("item");
+            rk_child_add_string(item, "id", std::to_string(i).c_str());
+            rk_elem_t* name = rk_child_add_string(item, "name", "a & b");
+            rk_child_add_bool(item, "on", i % 2);
+            switch (change) {
+                case ItemChange::ContentSet:
+                    ASSERT_EQ(rk_elem_set_content(name, big.c_str()), 1);
+                    break;
+                case ItemChange::AttributeSet:
+                    ASSERT_EQ(rk_elem_set_attr(name, "a", big.c_str()), 1);
+                    break;
+                case ItemChange::ForeignChildAdded: {
+                    rk_elem_t* foreign = rk_elem_new("foreign");
+                    ASSERT_EQ(rk_elem_set_content(foreign, big.c_str()), 1);
+                    ASSERT_NE(rk_child_add(item, foreign), nullptr);
+                    break;
+                }
+                case ItemChange::ChildDetached:
+                    kept.emplace_back(rk_child_remove(item, name));
+                    break;
+                default:
+                    break;
+            }
+            ASSERT_NE(rk_child_add(list, item), nullptr);
+            if (change == ItemChange::GrownAfterAttaching) {
+                ASSERT_NE(rk_child_add_string(item, "late", big.c_str()), nullptr);
+            }
+        }
+        EXPECT_NE(Sprintf(root.get()).find("<id>63</id>"), std::string::npos);
+        root.reset();
+        // Detached parts outlive the tree they came from.
+        for (const ElemPtr& part : kept) {
+            EXPECT_STREQ(rk_elem_get_name(part.get()), "name");
+            EXPECT_STREQ(rk_elem_get_content(part.get()), "a & b");
+        }
+        kept.clear();
+        // Everything went with the tree: 64 large texts left behind would be 16 MB.
+        EXPECT_LT(AllocatedBytes(), before + (1u << 20));
+    }
+}
+
 TEST(RkBuiltTree, ChildListsGrowAndShrinkInAnyOrder) {
     // Children added and removed at random under the parents of a built tree, one of them
     // detached half-way (it then grows apart from the tree), against a list kept aside.

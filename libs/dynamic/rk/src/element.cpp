@@ -423,6 +423,8 @@ rk_elem* ElemNew(const char* name) {
     Arena* arena = Arena::Create(sizeof(rk_elem) + nameLen + 16);
     rk_elem* elem = NewArenaElement(arena, name, nameLen, "", 0);
     arena->SetOwner(elem);
+    // Whole while children are only added to it from its arena (ChildAdd): freed at once.
+    arena->SetRoot(elem);
     return elem;
 }
 
@@ -446,7 +448,14 @@ void ElemFree(rk_elem* elem) {
     rk_elem* e = elem;
     while (e != nullptr) {
         if (e->childCount > 0) {
-            e = e->children[--e->childCount];
+            rk_elem* child = e->children[--e->childCount];
+            // A subtree that is the whole of its arena (a tree made or parsed apart, then
+            // attached) goes at once: none of its elements is anywhere else.
+            if (child->arena != nullptr && child->arena->IsIntactRoot(child)) {
+                child->arena->Destroy();
+                continue;
+            }
+            e = child;
             continue;
         }
         rk_elem* parent = e == elem ? nullptr : e->parent;
@@ -557,9 +566,21 @@ rk_elem* ChildAdd(rk_elem* parent, rk_elem* child) {
         IsAncestorOrSelf(child, parent) || parent->childCount == UINT32_MAX) {
         return nullptr;
     }
-    Touch(parent);
-    Touch(child);
+    // A new element of the parent's own arena, holding nothing apart, keeps that arena's tree
+    // whole; and a subtree that is the whole of its arena stays so wherever it is attached.
+    const bool newOfParentsArena = child->arena != nullptr && child->arena == parent->arena &&
+                                   child->childCount == 0 && child->attrCount == 0 &&
+                                   !child->ownsName && !child->ownsContent;
+    if (!newOfParentsArena) {
+        Touch(parent);
+    }
+    if (child->arena == nullptr || !child->arena->IsIntactRoot(child)) {
+        Touch(child);
+    }
     GrowChildren(parent);
+    if (parent->ownsChildren) {
+        Touch(parent);  // its child list is now apart from the arena
+    }
     parent->children[parent->childCount++] = child;
     child->parent = parent;
     return child;
