@@ -138,6 +138,18 @@ TEST(LargeAnswerMemory, GivingPagesBackKeepsWhatTheParseReadsAgain) {
     ExpectSameParse(nested + "</r>");
 }
 
+TEST(LargeAnswerMemory, GivingPagesBackKeepsLongNamesOfTheTagBeingRead) {
+    // Names of several pages each, so that some start tag is being read where pages are given
+    // back: its name, behind the parse's position, is read again to make its element.
+    std::string text = "<r>";
+    for (int i = 0; i < 400; ++i) {
+        const std::string name = "n" + std::to_string(i) + std::string(5 * kPage, 'a');
+        text += i % 2 == 0 ? "<" + name + ">v</" + name + ">" : "<" + name + "/>";
+    }
+    ASSERT_GT(text.size(), 8u << 20);
+    ExpectSameParse(text + "</r>");
+}
+
 TEST(LargeAnswerMemory, GivingPagesBackKeepsTheFaultsAsTheyAre) {
     const std::string pad = "<!--" + std::string(3 * kPage, 'x') + "-->";
     const std::string records = Records(40000);

@@ -465,7 +465,7 @@ class Parser {
         return true;
     }
     bool TreeTooLarge();
-    void DiscardRead();
+    void DiscardRead(const char* keepFrom);
 
     // How far the parse moves between two givings back of the document's pages.
     static const size_t kDiscardEvery = 1u << 20;
@@ -675,9 +675,11 @@ bool Parser::TreeTooLarge() {
 // Gives back to the system the pages of the document between the last call and the parse's
 // position that nothing refers to any more. Behind its position the parse reads nothing but
 // the names and first text pieces of the open elements, which keep their pages; the few
-// kilobytes just behind the position are kept too.
-void Parser::DiscardRead() {
-    const char* const to = _p - std::min<size_t>(static_cast<size_t>(_p - _begin), 4096);
+// kilobytes just behind the position are kept too, and everything from `keepFrom` on (the
+// name of the start tag being read, which may be longer than those few kilobytes).
+void Parser::DiscardRead(const char* keepFrom) {
+    const char* const to =
+        std::min(keepFrom, _p - std::min<size_t>(static_cast<size_t>(_p - _begin), 4096));
     std::vector<std::pair<const char*, const char*>> kept;
     for (size_t i = 0; i < _open.size(); ++i) {
         const OpenElement& open = _open.at(i);
@@ -746,7 +748,7 @@ bool Parser::ReadStartTag() {
         return false;
     }
     if (_discard && _p >= _nextDiscard) {
-        DiscardRead();
+        DiscardRead(name);
     }
     if (_p < _end && *_p == '>') {
         // The common start tag, without attributes.
