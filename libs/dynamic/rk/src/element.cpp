@@ -574,7 +574,7 @@ rk_elem* ChildAdd(rk_elem* parent, rk_elem* child) {
     if (!newOfParentsArena) {
         Touch(parent);
     }
-    if (child->arena == nullptr || !child->arena->IsIntactRoot(child)) {
+    if (!newOfParentsArena && (child->arena == nullptr || !child->arena->IsIntactRoot(child))) {
         Touch(child);
     }
     GrowChildren(parent);
