@@ -18,6 +18,11 @@ std::string Trim(const std::string& text) {
     return text.substr(begin, end - begin + 1);
 }
 
+// A deflate stream with the gzip wrapper: 15 window bits, plus 16 for gzip's instead of zlib's.
+bool InitGzipDeflate(z_stream* stream, int level) {
+    return deflateInit2(stream, level, Z_DEFLATED, 15 + 16, 8, Z_DEFAULT_STRATEGY) == Z_OK;
+}
+
 }  // namespace
 
 bool AcceptsGzip(const std::string& acceptEncoding) {
@@ -54,9 +59,7 @@ int GzipLevel(size_t size) {
 
 bool GzipCompress(const std::string& body, std::string* out) {
     z_stream stream = {};
-    // 15 window bits, plus 16 for the gzip wrapper instead of zlib's.
-    if (deflateInit2(&stream, GzipLevel(body.size()), Z_DEFLATED, 15 + 16, 8, Z_DEFAULT_STRATEGY) !=
-        Z_OK) {
+    if (!InitGzipDeflate(&stream, GzipLevel(body.size()))) {
         return false;
     }
     out->resize(deflateBound(&stream, static_cast<uLong>(body.size())));
@@ -71,8 +74,7 @@ bool GzipCompress(const std::string& body, std::string* out) {
 }
 
 GzipStream::GzipStream(int level) : _stream(new z_stream_s()), _buffer(64u << 10, '\0') {
-    // 15 window bits, plus 16 for the gzip wrapper instead of zlib's, as GzipCompress.
-    _ok = deflateInit2(_stream.get(), level, Z_DEFLATED, 15 + 16, 8, Z_DEFAULT_STRATEGY) == Z_OK;
+    _ok = InitGzipDeflate(_stream.get(), level);
 }
 
 GzipStream::~GzipStream() {

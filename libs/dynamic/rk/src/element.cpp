@@ -573,9 +573,9 @@ rk_elem* ChildAdd(rk_elem* parent, rk_elem* child) {
                                    !child->ownsName && !child->ownsContent;
     if (!newOfParentsArena) {
         Touch(parent);
-    }
-    if (!newOfParentsArena && (child->arena == nullptr || !child->arena->IsIntactRoot(child))) {
-        Touch(child);
+        if (child->arena == nullptr || !child->arena->IsIntactRoot(child)) {
+            Touch(child);
+        }
     }
     GrowChildren(parent);
     if (parent->ownsChildren) {
