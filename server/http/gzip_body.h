@@ -4,9 +4,16 @@
 
 #include <stddef.h>
 
+#include <stdint.h>
+
+#include <condition_variable>
+#include <deque>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
+#include <thread>
+#include <vector>
 
 struct z_stream_s;
 
@@ -28,19 +35,28 @@ int GzipLevel(size_t size);
 // zlib fails.
 bool GzipCompress(const std::string& body, std::string* out);
 
-// One gzip stream compressed piece by piece, for a body sent as it is made: what deflate
-// produces is handed on as it comes, and the stream's bytes are those of GzipCompress of the
-// whole body at the same level.
+// One gzip stream of a body sent as it is made, compressed on worker threads while the body
+// is still being written. The body is cut into blocks of kGzipBlockBytes; each is deflated
+// with the 32 KiB before it as its dictionary and ends on a byte boundary (a sync flush), so
+// the blocks joined in order are a single deflate stream, and the whole is one gzip member
+// that any gzip reader takes. The bytes differ from GzipCompress's, and are a little more
+// (a few bytes a block); they decompress to the same body. What is compressed is handed on
+// in order, from the thread that calls Add and Finish, as soon as it is ready.
 class GzipStream {
   public:
     // Receives the compressed bytes in order; false stops the compression.
     using Output = std::function<bool(const char* data, size_t size)>;
 
-    // A stream at zlib level `level`; check ok().
-    explicit GzipStream(int level);
+    // A stream at zlib level `level`, compressed by `workers` threads (none: by the caller
+    // of Add and Finish); check ok().
+    explicit GzipStream(int level, unsigned workers = DefaultWorkers());
     ~GzipStream();
     GzipStream(const GzipStream&) = delete;
     GzipStream& operator=(const GzipStream&) = delete;
+
+    // One worker a processor, from one to four: more would take processors from the
+    // connections being served for little gain.
+    static unsigned DefaultWorkers();
 
     bool ok() const { return _ok; }
     // Compresses the next `size` bytes of the body. False when zlib or `out` failed.
@@ -49,13 +65,36 @@ class GzipStream {
     // or `out` failed.
     bool Finish(const Output& out);
 
-  private:
-    bool Deflate(const char* data, size_t size, int flush, const Output& out);
+    // A block of the body and what it compresses to.
+    struct Block;
 
-    std::unique_ptr<z_stream_s> _stream;
-    std::string _buffer;
+  private:
+    void Submit(bool last);
+    bool HandOn(const Output& out, bool all);
+    void Work();
+
+    const int _level;
     bool _ok = false;
+    std::unique_ptr<z_stream_s> _ownStream;       // the caller's, without workers
+    std::unique_ptr<Block> _filling;              // the block the body goes into now
+    std::string _dictionary;                      // the last 32 KiB put into blocks
+    std::deque<std::unique_ptr<Block>> _inOrder;  // submitted and not yet handed on
+    size_t _maxInFlight = 1;
+    bool _headerSent = false;
+    uint32_t _crc = 0;
+    uint64_t _length = 0;
+
+    std::mutex _mutex;
+    std::condition_variable _work;  // a block to compress, or stopping
+    std::condition_variable _done;  // a block compressed
+    std::deque<Block*> _queue;      // waiting for a worker
+    bool _stopping = false;
+    std::vector<std::thread> _workers;
 };
+
+// Bytes of body compressed as one block of a GzipStream: large enough that a block's
+// dictionary and sync flush cost little, small enough that the first bytes leave early.
+const size_t kGzipBlockBytes = 256u << 10;
 
 }  // namespace tezad
 

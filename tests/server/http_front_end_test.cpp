@@ -321,6 +321,7 @@ std::string Gunzip(const std::string& gzip, size_t size) {
     stream.next_out = reinterpret_cast<Bytef*>(&out[0]);
     stream.avail_out = static_cast<uInt>(out.size());
     EXPECT_EQ(inflate(&stream, Z_FINISH), Z_STREAM_END);
+    EXPECT_EQ(stream.avail_in, 0u) << "bytes after the gzip member";
     out.resize(stream.total_out);
     inflateEnd(&stream);
     return out;
@@ -449,41 +450,98 @@ TEST_F(FrontEnd, AClientThatStopsReadingALargeAnswerIsLeftAfterTheTimeOut) {
     EXPECT_EQ(_core->GetCounters().openConnections, 1u);
 }
 
-TEST(GzipBody, AStreamInPiecesIsTheWholeBodysGzip) {
+std::string VolumeLines(size_t atLeast) {
     std::string text;
-    for (int i = 0; text.size() <= 3 * kGzipFastAboveBytes; ++i) {
+    for (int i = 0; text.size() <= atLeast; ++i) {
         text += "<volume><name>volume-" + std::to_string(i) + "</name><size>" +
                 std::to_string(i * 7919) + "</size></volume>\n";
     }
+    return text;
+}
+
+// `text` through a GzipStream in pieces of `piece` bytes; the outputs counted in `outputs`.
+std::string StreamGzip(const std::string& text, size_t piece, unsigned workers, size_t* outputs) {
+    GzipStream stream(GzipLevel(text.size()), workers);
+    EXPECT_TRUE(stream.ok());
+    std::string streamed;
+    *outputs = 0;
+    auto out = [&](const char* data, size_t size) {
+        streamed.append(data, size);
+        ++*outputs;
+        return true;
+    };
+    for (size_t at = 0; at < text.size(); at += piece) {
+        EXPECT_TRUE(stream.Add(text.data() + at, std::min(piece, text.size() - at), out));
+    }
+    EXPECT_TRUE(stream.Finish(out));
+    return streamed;
+}
+
+TEST(GzipBody, AStreamInPiecesIsOneGzipMemberOfTheWholeBody) {
+    const std::string text = VolumeLines(3 * kGzipFastAboveBytes);
     std::string whole;
     ASSERT_TRUE(GzipCompress(text, &whole));
-    for (size_t piece : {size_t{1000}, size_t{128} << 10, size_t{1} << 20}) {
-        GzipStream stream(GzipLevel(text.size()));
-        ASSERT_TRUE(stream.ok());
-        std::string streamed;
-        size_t outputs = 0;
-        auto out = [&](const char* data, size_t size) {
-            streamed.append(data, size);
-            ++outputs;
-            return true;
-        };
-        for (size_t at = 0; at < text.size(); at += piece) {
-            ASSERT_TRUE(stream.Add(text.data() + at, std::min(piece, text.size() - at), out));
+    for (unsigned workers : {0u, 1u, 3u}) {
+        for (size_t piece : {size_t{1000}, size_t{128} << 10, size_t{1} << 20}) {
+            size_t outputs = 0;
+            const std::string streamed = StreamGzip(text, piece, workers, &outputs);
+            EXPECT_EQ(outputs, (text.size() + kGzipBlockBytes - 1) / kGzipBlockBytes)
+                << "one output a block, as each is compressed";
+            EXPECT_EQ(ExtraFlags(streamed), 4) << "compressed at the fastest level";
+            // Gunzip reads one member and checks that nothing follows it.
+            EXPECT_TRUE(Gunzip(streamed, text.size()) == text)
+                << workers << " workers, pieces of " << piece;
+            // The blocks' dictionaries keep the ratio of one stream: a few bytes a block more.
+            EXPECT_LT(streamed.size(), whole.size() + whole.size() / 50);
         }
-        ASSERT_TRUE(stream.Finish(out));
-        EXPECT_GT(outputs, 1u) << "what deflate makes is handed on as it comes";
-        EXPECT_TRUE(streamed == whole) << "pieces of " << piece;
     }
+}
+
+TEST(GzipBody, AStreamOfEveryLengthAroundItsBlocks) {
+    const std::string text = VolumeLines(2 * kGzipBlockBytes + 100);
+    for (size_t length : {size_t{0}, size_t{1}, kGzipBlockBytes - 1, kGzipBlockBytes,
+                          kGzipBlockBytes + 1, 2 * kGzipBlockBytes, 2 * kGzipBlockBytes + 1}) {
+        const std::string body = text.substr(0, length);
+        for (unsigned workers : {0u, 2u}) {
+            size_t outputs = 0;
+            const std::string streamed = StreamGzip(body, 4096, workers, &outputs);
+            EXPECT_TRUE(Gunzip(streamed, body.size()) == body)
+                << length << " bytes, " << workers << " workers";
+        }
+    }
+}
+
+TEST(GzipBody, AStreamOfBytesThatDoNotShrink) {
+    // Each block's output outgrows the room first given to it.
+    std::string text(3 * kGzipBlockBytes + 17, '\0');
+    uint32_t state = 2463534242u;
+    for (char& c : text) {
+        state ^= state << 13;
+        state ^= state >> 17;
+        state ^= state << 5;
+        c = static_cast<char>(state);
+    }
+    size_t outputs = 0;
+    const std::string streamed = StreamGzip(text, 65536, 2, &outputs);
+    EXPECT_GT(streamed.size(), text.size());
+    EXPECT_TRUE(Gunzip(streamed, text.size()) == text);
 }
 
 TEST(GzipBody, AStreamStopsWhenItsOutputFails) {
     const std::string text(1u << 20, 'x');
-    GzipStream stream(1);
-    ASSERT_TRUE(stream.ok());
     auto take = [](const char*, size_t) { return true; };
     auto refuse = [](const char*, size_t) { return false; };
-    EXPECT_TRUE(stream.Add(text.data(), text.size(), take));
-    EXPECT_FALSE(stream.Finish(refuse)) << "the rest of the stream cannot be handed on";
+    for (unsigned workers : {0u, 2u}) {
+        GzipStream stream(1, workers);
+        ASSERT_TRUE(stream.ok());
+        EXPECT_TRUE(stream.Add(text.data(), text.size() / 2, take));
+        EXPECT_FALSE(stream.Finish(refuse)) << "the rest of the stream cannot be handed on";
+        EXPECT_FALSE(stream.Add(text.data(), 1, take)) << "a stopped stream stays stopped";
+    }
+    // Stopped with blocks still queued for the workers: they are left, and the stream ends.
+    GzipStream stream(1, 2);
+    const std::string large(16 * kGzipBlockBytes, 'y');
+    EXPECT_FALSE(stream.Add(large.data(), large.size(), refuse));
 }
 
 TEST(GzipBody, LargeBodiesAreCompressedAtTheFastestLevel) {
