@@ -265,7 +265,48 @@ void SetContent(rk_elem* elem, const char* text, bool markup) {
     elem->contentMarkup = markup ? 1 : 0;
 }
 
+// Sets an attribute of an element made through the interface with its strings, and its list
+// of attributes, from its tree's arena, where that arena may still grow by what they take: the
+// tree stays whole, to be freed at once. False, with nothing changed, where it cannot.
+bool SetAttrInArena(rk_elem* elem, const char* name, const char* value, bool markup) {
+    Arena* arena = elem->arena;
+    if (arena == nullptr || arena->owner() == nullptr || elem->ownsAttributes) {
+        return false;
+    }
+    const size_t nameLen = strlen(name);
+    const size_t valueLen = strlen(value);
+    const size_t count = elem->attrCount;
+    const bool grow = count == Capacity(count) || elem->attributes == nullptr;
+    const size_t listBytes = grow ? Capacity(count + 1) * sizeof(RkAttribute) : 0;
+    if (TreeArena(elem, nameLen + valueLen + listBytes + 16) != arena) {
+        return false;
+    }
+    for (uint32_t i = 0; i < count; ++i) {
+        RkAttribute& attr = elem->attributes[i];
+        if (strcmp(attr.name, name) == 0) {
+            attr.value = arena->CopyString(value, valueLen);
+            attr.markup = markup;
+            return true;
+        }
+    }
+    if (grow) {
+        auto* grown = static_cast<RkAttribute*>(arena->Allocate(listBytes));
+        if (count > 0) {
+            memcpy(grown, elem->attributes, count * sizeof(RkAttribute));
+        }
+        elem->attributes = grown;
+    }
+    elem->attributes[count] = RkAttribute{arena->CopyString(name, nameLen),
+                                          arena->CopyString(value, valueLen), false, false, markup};
+    ++elem->attrCount;
+    return true;
+}
+
 bool SetAttr(rk_elem* elem, const char* name, const char* value, bool markup) {
+    // At the limit, only a value may change: the general path below says which.
+    if (elem->attrCount < kMaxAttributesPerElement && SetAttrInArena(elem, name, value, markup)) {
+        return true;
+    }
     Touch(elem);
     for (uint32_t i = 0; i < elem->attrCount; ++i) {
         RkAttribute& attr = elem->attributes[i];
