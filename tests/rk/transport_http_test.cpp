@@ -249,6 +249,33 @@ TEST_F(HttpTransport, ShortDelayWithinTheTimeOutPasses) {
     EXPECT_EQ(Child(result.get(), "done"), "yes");
 }
 
+TEST_F(HttpTransport, ATimeOutSetAgainKeepsItsValueAndAChangedOneTakesEffect) {
+    // Setting the value a handle already has leaves its options as they were applied; a
+    // different value applies to the next call.
+    ServerConfig config;
+    config.script = "slow-call delay=1500 pass\nquick-call delay=100 pass <done>yes</done>\n";
+    TestServer server(config);
+    ServerPtr h = OpenHandle("127.0.0.1", server.port());
+    auto slowCall = [&h](int timeout) {
+        EXPECT_NE(rk_server_set_timeout(h.get(), timeout), 0);
+        auto start = std::chrono::steady_clock::now();
+        Outcome outcome = Call(h.get(), "slow-call");
+        return std::make_pair(outcome.errnum, std::chrono::steady_clock::now() - start);
+    };
+    auto quickCall = [&h](int timeout) {
+        EXPECT_NE(rk_server_set_timeout(h.get(), timeout), 0);
+        ElemPtr result(rk_server_invoke(h.get(), "quick-call", nullptr));
+        return rk_results_status(result.get()) == 1 && Child(result.get(), "done") == "yes";
+    };
+    auto failed = slowCall(1);
+    EXPECT_EQ(failed.first, RK_ERR_TIMEOUT);
+    EXPECT_LT(failed.second, std::chrono::milliseconds(1400));
+    EXPECT_TRUE(quickCall(1));
+    EXPECT_EQ(slowCall(5).first, 0) << "a longer time-out lets the slow call pass";
+    EXPECT_TRUE(quickCall(5));
+    EXPECT_EQ(slowCall(1).first, RK_ERR_TIMEOUT) << "shortened again after the same value";
+}
+
 TEST_F(HttpTransport, OneHandleKeepsOneConnection) {
     TestServer server;
     ServerPtr h = OpenHandle("127.0.0.1", server.port());

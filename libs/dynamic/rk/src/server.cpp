@@ -187,6 +187,20 @@ int Set(rk_server_t* server, F set) noexcept {
     return 1;
 }
 
+// Sets one number of the handle's settings. An unchanged value leaves the options applied as
+// they are: the runtime sets the same time-out on a cached handle before each of its calls,
+// which would otherwise cost the next call every option and header applied anew.
+int SetNumber(rk_server_t* server, int rk::ServerSettings::*field, int value) noexcept {
+    if (server == nullptr) {
+        return 0;
+    }
+    if (server->settings.*field != value) {
+        server->settings.*field = value;
+        ++server->settings.generation;
+    }
+    return 1;
+}
+
 std::string Text(const char* s) {
     return s == nullptr ? std::string() : std::string(s);
 }
@@ -287,20 +301,20 @@ void rk_get_stats(rk_stats_t* stats) {
 }
 
 int rk_server_set_style(rk_server_t* server, int style) {
-    return Set(server, [&](rk::ServerSettings& s) { s.style = style; });
+    return SetNumber(server, &rk::ServerSettings::style, style);
 }
 
 int rk_server_set_server_type(rk_server_t* server, int type) {
-    return Set(server, [&](rk::ServerSettings& s) { s.serverType = type; });
+    return SetNumber(server, &rk::ServerSettings::serverType, type);
 }
 
 int rk_server_set_transport_type(rk_server_t* server, int transport, const void* reserved) {
     (void)reserved;
-    return Set(server, [&](rk::ServerSettings& s) { s.transport = transport; });
+    return SetNumber(server, &rk::ServerSettings::transport, transport);
 }
 
 int rk_server_set_port(rk_server_t* server, int port) {
-    return Set(server, [&](rk::ServerSettings& s) { s.port = port; });
+    return SetNumber(server, &rk::ServerSettings::port, port);
 }
 
 int rk_server_set_admin_user(rk_server_t* server, const char* login, const char* password) {
@@ -312,8 +326,7 @@ int rk_server_set_admin_user(rk_server_t* server, const char* login, const char*
 }
 
 int rk_server_set_timeout(rk_server_t* server, int seconds) {
-    return Set(server,
-               [&](rk::ServerSettings& s) { s.timeoutSeconds = seconds < 0 ? 0 : seconds; });
+    return SetNumber(server, &rk::ServerSettings::timeoutSeconds, seconds < 0 ? 0 : seconds);
 }
 
 int rk_server_set_ca_file(rk_server_t* server, const char* path) {
