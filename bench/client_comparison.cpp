@@ -11,7 +11,9 @@
 //   grpc     the gRPC reference (teza_bench_grpc, built only when gRPC is installed).
 //
 // and the big answer: bench-volumes with 50,000 volumes through the generated interface,
-// beside hand-written rk_ code reading the same answer into plain structs.
+// beside hand-written rk_ code reading the same answer into plain structs, and, when
+// TEZA_BENCH_PRELOAD_MALLOC names a malloc library, through the generated interface again
+// with that library preloaded.
 //
 //   teza_bench_clients run [--calls N] [--rounds N] [--volumes N] [--out FILE]
 //
@@ -507,7 +509,9 @@ int BigMain(const std::string& side, int port, long count, int repeat) {
 // ---- The driver -----------------------------------------------------------------------------
 
 // Runs `args` as a child process and returns what it printed on standard output.
-std::string RunChild(const std::vector<std::string>& args) {
+// Runs a child to its end and gives its standard output; `preload`, when not empty, is put in
+// its environment as LD_PRELOAD.
+std::string RunChild(const std::vector<std::string>& args, const std::string& preload = "") {
     int pipeFds[2];
     if (pipe(pipeFds) != 0) {
         Fail("pipe failed");
@@ -521,8 +525,22 @@ std::string RunChild(const std::vector<std::string>& args) {
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, pipeFds[1], 1);
     posix_spawn_file_actions_addclose(&actions, pipeFds[0]);
+    std::vector<std::string> environment;
+    for (char** e = environ; *e != nullptr; ++e) {
+        if (strncmp(*e, "LD_PRELOAD=", 11) != 0) {
+            environment.push_back(*e);
+        }
+    }
+    if (!preload.empty()) {
+        environment.push_back("LD_PRELOAD=" + preload);
+    }
+    std::vector<char*> envp;
+    for (const std::string& e : environment) {
+        envp.push_back(const_cast<char*>(e.c_str()));
+    }
+    envp.push_back(nullptr);
     pid_t pid = -1;
-    const int spawned = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ);
+    const int spawned = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), envp.data());
     posix_spawn_file_actions_destroy(&actions);
     close(pipeFds[1]);
     if (spawned != 0) {
@@ -600,6 +618,11 @@ int RunMain(int argc, char** argv, const std::string& self) {
             Fail("unknown option " + option);
         }
     }
+    // A malloc to preload for one more run of the big answer (scripts/bench names
+    // libtcmalloc_minimal when it is installed); none when unset or unreadable.
+    const char* preloadEnv = getenv("TEZA_BENCH_PRELOAD_MALLOC");
+    const std::string mallocToPreload =
+        preloadEnv != nullptr && access(preloadEnv, R_OK) == 0 ? preloadEnv : "";
     std::vector<std::string> sides = {"runtime", "librk", "curl"};
     if (strlen(TEZA_BENCH_GRPC) > 0) {
         sides.push_back("grpc");
@@ -649,9 +672,26 @@ int RunMain(int argc, char** argv, const std::string& self) {
             results += line;
         }
         results += RunChild({self, "logchecks", "200000"});
-        for (const char* side : {"runtime", "hand"}) {
-            const std::string line = RunChild(
-                {self, "big", side, std::to_string(ports[0]), std::to_string(volumes), "3"});
+        std::vector<std::string> big = {
+            self, "big", "runtime", std::to_string(ports[0]), std::to_string(volumes), "3"};
+        std::vector<std::string> bigRuns = {RunChild(big)};
+        if (!mallocToPreload.empty()) {
+            // The same through the generated interface with a thread-caching malloc: the
+            // records' storage is one heap block a value, fixed, so the allocator is what a
+            // user can change. Labelled apart.
+            std::string line = RunChild(big, mallocToPreload);
+            const std::string label = "\"big-runtime\"";
+            const size_t at = line.find(label);
+            if (at != std::string::npos) {
+                line.replace(at, label.size(),
+                             "\"big-runtime-preloaded\", \"preloaded\": \"" +
+                                 mallocToPreload.substr(mallocToPreload.rfind('/') + 1) + "\"");
+            }
+            bigRuns.push_back(line);
+        }
+        big[2] = "hand";  // the round ends with the hand-written reader
+        bigRuns.push_back(RunChild(big));
+        for (const std::string& line : bigRuns) {
             fprintf(stderr, "round %d: %s", round + 1, line.c_str());
             results += line;
         }

@@ -206,6 +206,16 @@ def render(runs, calls, notes):
                    f"{spread([b['cpu_ms_per_call'] for b in big], 0, ' ms')} | – | – |")
         out.append(f"| the same, peak RSS of the client process | {spread(rss, 0, ' MB')} | "
                    f"< 100 MB | {verdict(rss, 100)} |")
+    preloaded = [find(r, "big-runtime-preloaded") for r in rounds]
+    preloaded = [p for p in preloaded if p]
+    if preloaded:
+        name = preloaded[0].get("preloaded", "another malloc")
+        out.append(f"| the same through the generated interface with {name} preloaded "
+                   f"(LD_PRELOAD), time per call | "
+                   f"{spread([p['ms_per_call'] for p in preloaded], 0, ' ms')} | – | – |")
+        out.append(f"| the same with {name}, the client's CPU time per call and peak RSS | "
+                   f"{spread([p['cpu_ms_per_call'] for p in preloaded], 0, ' ms')}; "
+                   f"{spread([p['peak_rss_mb'] for p in preloaded], 0, ' MB')} | – | – |")
     if hand:
         out.append(f"| the same answer read by hand-written rk_ code into structs, time per "
                    f"call (reference) | {spread([h['ms_per_call'] for h in hand], 0, ' ms')} | "
