@@ -11,6 +11,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -264,6 +265,38 @@ struct ParseError {
 // so that a large document and its tree are not held whole at the same time.
 rk_elem* ParseXml(const char* text, size_t len, const ParseLimits& limits, ParseError* error,
                   bool discardRead = false);
+
+// A parse of a document that arrives in pieces into one buffer that does not move (an answer
+// read from the network): Feed reads as much as has arrived, Finish the rest once the whole
+// document is there. Its result, tree or error, is ParseXml's on the whole document, with the
+// same `limits` and `discardRead`; the work is done while the rest is still arriving. What
+// arrives must extend what Feed was given, and `text` must stay as it is until Finish.
+class StreamParse {
+  public:
+    // Bytes that arrive before the document's start is read: its declaration, the rest of its
+    // prolog and its root's start tag are then nearly always there whole (if not, they are
+    // read again with the whole document).
+    static const size_t kStartAfterBytes = 64u << 10;
+
+    StreamParse(const char* text, const ParseLimits& limits, bool discardRead,
+                size_t startAfter = kStartAfterBytes);
+    ~StreamParse();
+    StreamParse(const StreamParse&) = delete;
+    StreamParse& operator=(const StreamParse&) = delete;
+
+    // The first `len` bytes of the document have arrived. Throws std::bad_alloc; the parse is
+    // then not to be used again.
+    void Feed(size_t len);
+    // The document is whole, `len` bytes: its tree, or null with `error` set. Throws
+    // std::bad_alloc.
+    rk_elem* Finish(size_t len, ParseError* error);
+    // How many bytes of the document have been read so far.
+    size_t ReadUpTo() const;
+
+  private:
+    struct State;
+    std::unique_ptr<State> _state;
+};
 
 // Whether `text` can stand in an XML 1.0 document: valid UTF-8 holding only characters of
 // XML's Char production. On failure, `*offset` is the byte offset of the first bad

@@ -12,6 +12,8 @@
 // What an answer may cost: its body is held in one buffer that never grows past the handle's
 // limit (so receiving costs about the limit at most, never the doubling of a growing string),
 // and its header lines are counted against the RK_HTTP_MAX_* limits of rk.h as they arrive.
+// A large body, once its buffer is a mapping that no longer moves, is parsed as it arrives
+// (StreamParse), so that little is left to parse when the transfer ends.
 //
 // Each request is written to the network at most once. libcurl sends a request again on a new
 // connection when a reused one fails before any byte of the answer (it cannot tell a server
@@ -35,6 +37,7 @@
 #include <sys/socket.h>
 #include <time.h>
 
+#include <chrono>
 #include <memory>
 #include <new>
 #include <string>
@@ -259,6 +262,7 @@ class CurlConnection final : public HttpConnection {
     bool EndOfHeader();
     bool RefuseHttp(const std::string& what);
     static size_t OnBody(char* data, size_t size, size_t count, void* self);
+    void FeedBodyParse();
     static size_t OnHeader(char* data, size_t size, size_t count, void* self);
     static int OnPrereq(void* self, char* remoteIp, char* localIp, int remotePort, int localPort);
     static curl_socket_t OnOpenSocket(void* self, curlsocktype purpose, curl_sockaddr* address);
@@ -273,6 +277,11 @@ class CurlConnection final : public HttpConnection {
     bool _requestSent = false;    // libcurl went on to write the request
     bool _resendRefused = false;  // libcurl wanted a new connection to send it again
     AnswerBuffer _body;
+    // A large answer is parsed as it arrives, once its buffer no longer moves.
+    std::unique_ptr<StreamParse> _bodyParse;
+    bool _bodyParseOutOfMemory = false;
+    std::chrono::steady_clock::time_point _callStart;
+    int _timeoutSeconds = 0;
     bool _overLimit = false;
     bool _outOfMemory = false;
     std::string _refusal;  // why the answer's HTTP was refused; empty when it was not
@@ -472,6 +481,10 @@ rk_elem* CurlConnection::Call(const ServerSettings& s, const std::string& body) 
     SetOpt(_easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body.size()));
     _requestSent = false;
     _resendRefused = false;
+    _bodyParse.reset();
+    _bodyParseOutOfMemory = false;
+    _callStart = std::chrono::steady_clock::now();
+    _timeoutSeconds = s.timeoutSeconds;
     _body.clear();
     _overLimit = false;
     _outOfMemory = false;
@@ -501,6 +514,7 @@ rk_elem* CurlConnection::Call(const ServerSettings& s, const std::string& body) 
     } else {
         result = Answer(s);
     }
+    _bodyParse.reset();  // before the buffer it reads
     if (_body.capacity() > kGrowInSteps) {
         _body.Release();  // do not keep the memory of one large answer
     }
@@ -724,12 +738,18 @@ rk_elem* CurlConnection::Answer(const ServerSettings& s) {
     double spent = 0;
     curl_easy_getinfo(_easy, CURLINFO_TOTAL_TIME, &spent);
     ParseError parseError;
-    std::unique_ptr<rk_elem, void (*)(rk_elem*)> tree(
-        _body.empty() ? nullptr
-                      : ParseXml(_body.data(), _body.size(),
-                                 ParseLimits::ForCall(_limit, s.timeoutSeconds, spent), &parseError,
-                                 _body.mapped()),
-        ElemFree);
+    if (_bodyParseOutOfMemory) {
+        throw std::bad_alloc();
+    }
+    rk_elem* parsed = nullptr;
+    if (_bodyParse != nullptr) {
+        parsed = _bodyParse->Finish(_body.size(), &parseError);
+    } else if (!_body.empty()) {
+        parsed = ParseXml(_body.data(), _body.size(),
+                          ParseLimits::ForCall(_limit, s.timeoutSeconds, spent), &parseError,
+                          _body.mapped());
+    }
+    std::unique_ptr<rk_elem, void (*)(rk_elem*)> tree(parsed, ElemFree);
     if (tree == nullptr &&
         (parseError.code == RK_ERR_TOO_LARGE || parseError.code == RK_ERR_TIMEOUT)) {
         return ResultsNewFailedWire(
@@ -786,7 +806,30 @@ size_t CurlConnection::OnBody(char* data, size_t size, size_t count, void* self)
         }
     }
     body.Append(data, n);
+    if (body.mapped() && !c->_bodyParseOutOfMemory) {
+        c->FeedBodyParse();
+    }
     return n;
+}
+
+// Parses what has arrived of an answer whose buffer no longer moves (a mapping of the size
+// limit), while the rest is on its way; Answer finishes the parse. The parse gives the pages
+// it has read back as it goes, as a parse of the whole answer would.
+void CurlConnection::FeedBodyParse() {
+    try {
+        if (_bodyParse == nullptr) {
+            const double spent =
+                std::chrono::duration<double>(std::chrono::steady_clock::now() - _callStart)
+                    .count();
+            _bodyParse.reset(new StreamParse(
+                _body.data(), ParseLimits::ForCall(_limit, _timeoutSeconds, spent), true));
+        }
+        _bodyParse->Feed(_body.size());
+    } catch (...) {
+        // Pages may have been given back: the answer cannot be parsed anew.
+        _bodyParse.reset();
+        _bodyParseOutOfMemory = true;
+    }
 }
 
 size_t CurlConnection::OnHeader(char* data, size_t size, size_t count, void* self) {

@@ -359,9 +359,22 @@ class Parser {
           _order(scratch->order),
           _discard(discardRead),
           _discardedUpTo(text),
-          _nextDiscard(text + kDiscardEvery) {}
+          _nextDiscard(text + kDiscardEvery),
+          _checkedTo(text) {}
 
     rk_elem* Parse();
+
+    // The document in pieces (StreamParse): Feed with each longer prefix of it, then Finish.
+    void Feed(const char* arrived, size_t startAfter);
+    // The tree, or null with the error set; null with `*again` when the document is to be
+    // parsed anew whole (the pieces have not been read in a way that gives the same result).
+    rk_elem* Finish(const char* end, bool* again);
+    // Frees the tree being read, unless it was handed out.
+    void Abandon();
+    // How far a document in pieces has been read.
+    size_t ReadUpTo() const {
+        return _stream == Stream::kTree ? static_cast<size_t>(_p - _begin) : 0;
+    }
 
   private:
     bool Fail(const std::string& what, const char* at) {
@@ -427,8 +440,13 @@ class Parser {
         return true;
     }
 
-    bool CheckChars();
+    bool CheckChars() {
+        return CheckCharsUpTo(_end);
+    }
+    bool CheckCharsUpTo(const char* to);
     bool ReadDocument();
+    bool ReadDocumentStart();
+    bool NodeArrived();
     bool SkipMisc();
     bool ReadProlog();
     bool ReadElementTree();
@@ -472,7 +490,7 @@ class Parser {
 
     const char* const _begin;
     const char* _p;
-    const char* const _end;
+    const char* _end;  // of the document, or of what has arrived of it
     const ParseLimits& _limits;
     ParseError* const _error;
     Arena* _arena = nullptr;
@@ -485,16 +503,39 @@ class Parser {
     std::vector<RawAttribute>& _attrs;
     std::vector<size_t>& _order;
     NameTable _names;
-    const bool _discard;
+    bool _discard;
     const char* _discardedUpTo;  // the pages before it were dealt with
     const char* _nextDiscard;
+    const char* _checkedTo;  // the characters before it were checked
+
+    // How a document read in pieces stands.
+    enum class Stream {
+        kStart,   // nothing read yet
+        kTree,    // in the root element: nodes are read as they arrive
+        kFailed,  // a failure that the rest of the document cannot change (but for a bad
+                  // character after the failure, which a whole parse would report instead)
+        kAgain,   // to be parsed anew whole
+    };
+    Stream _stream = Stream::kStart;
+    const char* _lastLt = nullptr;  // see Feed
+    const char* _ltFrom = nullptr;
+    // What NodeArrived scanned of a node that had not arrived whole, so that each byte is
+    // scanned once however the document arrives.
+    struct Scan {
+        const char* node = nullptr;
+        const char* from = nullptr;
+        char quote = 0;
+    };
+    Scan _scan;
 };
 
-bool Parser::CheckChars() {
+// Checks the characters from where the last check stopped up to `to`: the end of the document,
+// or a character boundary.
+bool Parser::CheckCharsUpTo(const char* to) {
     // In slices, so that a large document notices the deadline.
     const size_t kSlice = 1u << 20;
-    const auto* p = reinterpret_cast<const unsigned char*>(_begin);
-    const auto* end = reinterpret_cast<const unsigned char*>(_end);
+    const auto* p = reinterpret_cast<const unsigned char*>(_checkedTo);
+    const auto* end = reinterpret_cast<const unsigned char*>(to);
     while (p < end) {
         // A slice ends on a character boundary: it is cut after a byte below 0x80 (or at the end).
         const unsigned char* sliceEnd = end - p > static_cast<ptrdiff_t>(kSlice) ? p + kSlice : end;
@@ -507,6 +548,7 @@ bool Parser::CheckChars() {
             return Fail(why, reinterpret_cast<const char*>(bad));
         }
         p = sliceEnd;
+        _checkedTo = reinterpret_cast<const char*>(p);
         if (PastDeadline()) {
             _p = reinterpret_cast<const char*>(p);
             return Late();
@@ -1085,7 +1127,172 @@ rk_elem* Parser::Parse() {
     return _root;
 }
 
+void Parser::Feed(const char* arrived, size_t startAfter) {
+    if (_stream == Stream::kFailed || _stream == Stream::kAgain) {
+        return;
+    }
+    // The characters first, as far as the last whole one; nodes are read only where checked.
+    const char* boundary = arrived;
+    while (boundary > _checkedTo && static_cast<unsigned char>(boundary[-1]) >= 0x80) {
+        --boundary;
+    }
+    if (!CheckCharsUpTo(boundary)) {
+        _stream = Stream::kFailed;
+        return;
+    }
+    _end = _checkedTo;
+    if (_stream == Stream::kStart) {
+        if (static_cast<size_t>(_end - _begin) < startAfter) {
+            return;
+        }
+        if (_arena == nullptr) {
+            _arena = Arena::Create(64u << 10);
+        }
+        // Read before it may have arrived whole, the start is read anew with the whole
+        // document when anything fails, so no page is given back while it is read.
+        const bool discard = _discard;
+        _discard = false;
+        const bool started = ReadDocumentStart() && NodeArrived() && ReadStartTag();
+        _discard = discard;
+        if (!started) {
+            _stream = Stream::kAgain;
+            *_error = ParseError();
+            return;
+        }
+        _stream = Stream::kTree;
+        _lastLt = _p;
+        _ltFrom = _p;
+    }
+    // The last "<" of what has arrived, with a byte after it: every node that starts before it
+    // has arrived whole, but for comments, CDATA sections and processing instructions, which
+    // may hold "<" (a tag never reads past one, and text ends at the first). Only new bytes
+    // are searched.
+    if (_ltFrom < _end - 1) {
+        const void* lt = memrchr(_ltFrom, '<', static_cast<size_t>(_end - 1 - _ltFrom));
+        if (lt != nullptr) {
+            _lastLt = static_cast<const char*>(lt);
+        }
+        _ltFrom = _end - 1;
+    }
+    while (!_open.empty() && _p < _lastLt) {
+        if (_p[0] == '<' && (_p[1] == '!' || _p[1] == '?') && !NodeArrived()) {
+            return;
+        }
+        if (!ReadNode()) {
+            _stream = Stream::kFailed;
+            return;
+        }
+    }
+}
+
+rk_elem* Parser::Finish(const char* end, bool* again) {
+    *again = _stream == Stream::kStart || _stream == Stream::kAgain;
+    if (*again) {
+        Abandon();
+        return nullptr;
+    }
+    bool ok;
+    if (_stream == Stream::kFailed) {
+        // A whole parse checks every character before it reads anything.
+        const ParseError failure = *_error;
+        ok = CheckCharsUpTo(end);
+        if (ok) {
+            *_error = failure;
+            ok = false;
+        }
+    } else {
+        _end = end;
+        ok = CheckCharsUpTo(end);
+        while (ok && !_open.empty()) {
+            ok = ReadNode();
+        }
+        ok = ok && ReadEpilog();
+    }
+    if (!ok) {
+        Abandon();
+        return nullptr;
+    }
+    _arena->SetRoot(_root);
+    rk_elem* root = _root;
+    _arena = nullptr;  // handed out
+    return root;
+}
+
+void Parser::Abandon() {
+    if (_arena != nullptr) {
+        // Nothing of the tree has storage of its own: the arena holds it all.
+        _arena->Destroy();
+        _arena = nullptr;
+    }
+}
+
+// Whether the markup at _p (a tag, comment, CDATA section or processing instruction) has
+// arrived whole: reading it now then reads what reading it in the whole document would.
+bool Parser::NodeArrived() {
+    const char* const p = _p;
+    const char* const end = _end;
+    if (_scan.node != p) {
+        _scan = Scan{p, p, 0};
+    }
+    const char* const from = _scan.from;
+    // Enough to tell comments and CDATA sections from the rest.
+    if (end - p < 9) {
+        return false;
+    }
+    const char* closing = nullptr;
+    const char* start = p + 1;
+    if (p[1] == '!' && memcmp(p, "<!--", 4) == 0) {
+        closing = "-->";
+        start = p + 4;
+    } else if (p[1] == '!' && memcmp(p, "<![CDATA[", 9) == 0) {
+        closing = "]]>";
+        start = p + 9;
+    } else if (p[1] == '?') {
+        closing = "?>";
+        start = p + 2;
+    }
+    const char* q = std::max(from, start);
+    if (closing != nullptr) {
+        const size_t closingLen = strlen(closing);
+        if (memmem(q, static_cast<size_t>(end - q), closing, closingLen) != nullptr) {
+            return true;
+        }
+        // A closing cut at the end is found in full next time.
+        _scan.from = std::max(q, end - (closingLen - 1));
+        return false;
+    }
+    // A tag, up to its ">" outside quoted attribute values.
+    char quote = _scan.quote;
+    if (quote == 0) {
+        const char* gt = static_cast<const char*>(memchr(q, '>', static_cast<size_t>(end - q)));
+        if (gt != nullptr && memchr(q, '"', static_cast<size_t>(gt - q)) == nullptr &&
+            memchr(q, '\'', static_cast<size_t>(gt - q)) == nullptr) {
+            return true;
+        }
+    }
+    for (; q < end; ++q) {
+        const char c = *q;
+        if (quote != 0) {
+            if (c == quote) {
+                quote = 0;
+            }
+        } else if (c == '"' || c == '\'') {
+            quote = c;
+        } else if (c == '>') {
+            return true;
+        }
+    }
+    _scan.from = end;
+    _scan.quote = quote;
+    return false;
+}
+
 bool Parser::ReadDocument() {
+    return ReadDocumentStart() && ReadElementTree() && ReadEpilog();
+}
+
+// Up to the root element's "<".
+bool Parser::ReadDocumentStart() {
     if (StartsWith("\xEF\xBB\xBF", 3)) {
         _p += 3;
     }
@@ -1094,7 +1301,7 @@ bool Parser::ReadDocument() {
             return false;
         }
     }
-    return ReadProlog() && ReadElementTree() && ReadEpilog();
+    return ReadProlog();
 }
 
 // Skips comments, processing instructions and white space outside the root element.
@@ -1198,6 +1405,57 @@ bool Parser::ReadEpilog() {
 }
 
 }  // namespace
+
+struct StreamParse::State {
+    State(const char* text, const ParseLimits& parseLimits, bool discardRead, size_t startAfter)
+        : text(text),
+          limits(parseLimits),
+          parser(text, 0, limits, &error, &scratch, discardRead),
+          discard(discardRead),
+          startAfter(startAfter) {}
+    ~State() { parser.Abandon(); }
+
+    const char* const text;
+    const ParseLimits limits;
+    ParseError error;
+    Scratch scratch;
+    Parser parser;
+    const bool discard;
+    const size_t startAfter;
+};
+
+StreamParse::StreamParse(const char* text, const ParseLimits& limits, bool discardRead,
+                         size_t startAfter)
+    : _state(new State(text, limits, discardRead, startAfter)) {}
+
+StreamParse::~StreamParse() = default;
+
+void StreamParse::Feed(size_t len) {
+    _state->parser.Feed(_state->text + len, _state->startAfter);
+}
+
+size_t StreamParse::ReadUpTo() const {
+    return _state->parser.ReadUpTo();
+}
+
+rk_elem* StreamParse::Finish(size_t len, ParseError* error) {
+    State& state = *_state;
+    if (len > state.limits.maxBytes) {
+        // As ParseXml: what arrives is held to the limit before it is read, so this is not
+        // seen here in practice.
+        state.parser.Abandon();
+        return ParseXml(state.text, len, state.limits, error, state.discard);
+    }
+    bool again = false;
+    rk_elem* root = state.parser.Finish(state.text + len, &again);
+    if (again) {
+        return ParseXml(state.text, len, state.limits, error, state.discard);
+    }
+    if (root == nullptr) {
+        *error = state.error;
+    }
+    return root;
+}
 
 ParseLimits ParseLimits::ForSize(size_t maxBytes) {
     ParseLimits limits;
