@@ -280,8 +280,9 @@ std::unique_ptr<TempDir> StyleSecrets::_dir;
 
 TezaServerConnection StyleDescriptor(TezaServerConnection::Style style,
                                      TezaServerConnection::Transport transport, int port,
-                                     const std::string& password) {
-    return TezaServerConnection("127.0.0.1", kMajor, kMinor, style, transport, port,
+                                     const std::string& password,
+                                     const std::string& host = "127.0.0.1") {
+    return TezaServerConnection(host, kMajor, kMinor, style, transport, port,
                                 TezaServerConnection::SERVER_TYPE_NODE, 10, 10, kLogin, password,
                                 10);
 }
@@ -300,6 +301,11 @@ TEST_F(StyleSecrets, TokensAndKeyPassphrasesAppearInNoLogTraceOrErrorText) {
     tls.http.clientCaFile = _dir->File("ca.pem");
     TestServer certServer(tls);
     ASSERT_NE(rk_set_default_ca_file(_dir->File("ca.pem").c_str()), 0);
+    // The certificate server is called as localhost, the token server as 127.0.0.1: the
+    // connection cache matches a handle on its host and version alone within a bucket, so
+    // with one host the certificate descriptor could take a token server's handle whenever
+    // their keys happen to share a bucket.
+    const std::string certHost = "localhost";
     int marker = 0;
     std::vector<std::string> errors;
 
@@ -310,7 +316,7 @@ TEST_F(StyleSecrets, TokensAndKeyPassphrasesAppearInNoLogTraceOrErrorText) {
             // The right and a wrong pass phrase of the client key, by turns, each on new
             // handles: the cached ones of the level before are closed.
             while (rk_server_t* cached = TezaConnectionCache::getConnection(
-                       "127.0.0.1", kMajor, kMinor, TezaServerConnection::STYLE_CERTIFICATE,
+                       certHost, kMajor, kMinor, TezaServerConnection::STYLE_CERTIFICATE,
                        TezaServerConnection::SERVER_TYPE_NODE,
                        TezaServerConnection::TRANSPORT_HTTPS, certServer.port(), kLogin, "", 10)) {
                 rk_server_close(cached);
@@ -326,7 +332,8 @@ TEST_F(StyleSecrets, TokensAndKeyPassphrasesAppearInNoLogTraceOrErrorText) {
                                   TezaServerConnection::TRANSPORT_HTTP, tokenServer.port(),
                                   kWrongToken),
                   StyleDescriptor(TezaServerConnection::STYLE_CERTIFICATE,
-                                  TezaServerConnection::TRANSPORT_HTTPS, certServer.port(), ""),
+                                  TezaServerConnection::TRANSPORT_HTTPS, certServer.port(), "",
+                                  certHost),
                   StyleDescriptor(TezaServerConnection::STYLE_CERTIFICATE,
                                   TezaServerConnection::TRANSPORT_HTTP, tokenServer.port(), "")}) {
                 demo::AccountInterface api(connection, force, &marker, "security");
