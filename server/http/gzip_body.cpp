@@ -6,6 +6,7 @@
 #include <zlib.h>
 
 #include <algorithm>
+#include <new>
 #include <system_error>
 
 namespace tezad {
@@ -204,7 +205,11 @@ void GzipStream::Work() {
             block = _queue.front();
             _queue.pop_front();
         }
-        block->ok = ready && CompressBlock(&stream, block);
+        try {
+            block->ok = ready && CompressBlock(&stream, block);
+        } catch (const std::bad_alloc&) {
+            block->ok = false;  // the stream fails; the server goes on
+        }
         {
             std::lock_guard<std::mutex> lock(_mutex);
             block->done = true;

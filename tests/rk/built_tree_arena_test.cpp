@@ -72,6 +72,20 @@ TEST(BuiltTreeArena, AnAttributeTheArenaCannotTakeHasMemoryOfItsOwn) {
     EXPECT_STREQ(rk::ElemGetAttr(child, "after"), "2");
 }
 
+TEST(BuiltTreeArena, AValueOfItsOwnIsReplacedAndFreedAsSuch) {
+    // A value too large for the arena gets memory of its own; a small one set after it
+    // replaces and frees it, and freeing the tree frees nothing else.
+    ElemPtr root(rk::ElemNew("r"));
+    ASSERT_TRUE(rk::ElemSetAttr(root.get(), "a", "x"));
+    const std::string large(100u << 10, 'v');
+    ASSERT_TRUE(rk::ElemSetAttr(root.get(), "a", large.c_str()));
+    EXPECT_TRUE(root->attributes[0].ownsValue);
+    ASSERT_TRUE(rk::ElemSetAttr(root.get(), "a", "y"));
+    EXPECT_STREQ(rk::ElemGetAttr(root.get(), "a"), "y");
+    ASSERT_TRUE(rk::ElemSetAttr(root.get(), "b", "z"));
+    EXPECT_STREQ(rk::ElemGetAttr(root.get(), "b"), "z");
+}
+
 TEST(BuiltTreeArena, AParsedTreeAndAnElementFromAnotherTreeKeepTheirOwnWay) {
     rk::ParseError error;
     const std::string text = "<r a=\"1\"><c b=\"2\"/></r>";

@@ -97,6 +97,44 @@ TEST_F(Gzip, RequestAsksForGzipAndTheAnswerReadsAsAPlainOne) {
     EXPECT_NE(plainRequest.find("Accept-Encoding: gzip\r\n"), std::string::npos);
 }
 
+TEST_F(Gzip, ALargeCompressedAnswerThatDecodesPastItsLengthReadsAsAPlainOne) {
+    // More than 4 MiB compressed, announced with its length, and about twice that decoded: the
+    // answer outgrows the buffer its length sized while it is read, as it arrives.
+    std::string xml = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<results status=\"passed\">";
+    uint32_t state = 12345;
+    char hex[9];
+    while (xml.size() < 11 * kMiB) {
+        xml += "<item><name>";
+        for (int i = 0; i < 8; ++i) {
+            state = state * 1103515245u + 12345u;
+            snprintf(hex, sizeof hex, "%08x", state);
+            xml += hex;
+        }
+        xml += "</name></item>";
+    }
+    xml += "</results>";
+    const std::string body = Gzipped(xml);
+    ASSERT_GT(body.size(), 4 * kMiB);
+    ASSERT_GT(xml.size(), 2 * body.size() - kMiB);
+    std::string expected;
+    {
+        rk_elem_t* whole = rk_elem_parse(xml.data(), xml.size(), nullptr, 0);
+        ASSERT_NE(whole, nullptr);
+        expected = Text(whole);
+        rk_elem_free(whole);
+    }
+    HostileServer server([&](HostileServer::Peer& peer) {
+        if (peer.ReadRequest()) {
+            peer.Write(Answer(body, "Content-Encoding: gzip\r\n"));
+            peer.WaitForClose();
+        }
+    });
+    ServerPtr h = OpenHandle("127.0.0.1", server.port());
+    ElemPtr result(rk_server_invoke(h.get(), "item-list", nullptr));
+    ASSERT_EQ(Read(result.get()).status, 1) << Read(result.get());
+    EXPECT_TRUE(Text(result.get()) == expected);
+}
+
 TEST_F(Gzip, CorruptGzipBodyIsAClearError) {
     std::string body = Gzipped(ResultWithItems(50));
     body[body.size() / 2] ^= 0x55;  // damages the deflate stream past the gzip header

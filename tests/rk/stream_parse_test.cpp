@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/mman.h>
+#include <unistd.h>
 
 #include <memory>
 #include <random>
@@ -33,6 +34,17 @@ class Mapped {
     Mapped(const Mapped&) = delete;
     Mapped& operator=(const Mapped&) = delete;
     const char* data() const { return _data; }
+    // Pages of the first `bytes` that are resident in memory.
+    size_t ResidentPages(size_t bytes) const {
+        const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+        std::vector<unsigned char> in((bytes + page - 1) / page);
+        EXPECT_EQ(mincore(_data, bytes, in.data()), 0);
+        size_t resident = 0;
+        for (unsigned char c : in) {
+            resident += c & 1;
+        }
+        return resident;
+    }
 
   private:
     char* _data;
@@ -163,6 +175,31 @@ TEST(StreamParse, AWholeDocumentInAnyPiecesGivesTheSameTree) {
     EXPECT_EQ(Streamed(text, {}, limits, false), expected);
 }
 
+TEST(StreamParse, ALargeDocumentsPagesAreGivenBackAsItIsRead) {
+    // Past a mebibyte the parse gives back the pages it has read, as a whole parse does.
+    const std::string text = Document(3u << 20);
+    const rk::ParseLimits limits = rk::ParseLimits::ForSize(64u << 20);
+    const std::string expected = Whole(text, limits, true);
+    ASSERT_EQ(expected.rfind("error", 0), std::string::npos) << expected;
+    std::mt19937 random(4);
+    for (int round = 0; round < 3; ++round) {
+        Mapped copy(text);
+        rk::StreamParse parse(copy.data(), limits, true);
+        const std::vector<size_t> feeds = RandomFeeds(text.size(), &random);
+        size_t resident = SIZE_MAX;
+        for (size_t len : feeds) {
+            parse.Feed(len);
+            if (resident == SIZE_MAX && len > (2u << 20)) {
+                resident = copy.ResidentPages(1u << 20);
+            }
+        }
+        rk::ParseError error;
+        EXPECT_EQ(Outcome(parse.Finish(text.size(), &error), error), expected);
+        const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+        EXPECT_LT(resident, (1u << 20) / page / 2) << "the first mebibyte went back while read";
+    }
+}
+
 TEST(StreamParse, ABrokenDocumentGivesTheSameErrorAsAWholeParse) {
     const std::string text = Document(200u << 10);
     const rk::ParseLimits limits = rk::ParseLimits::ForSize(64u << 20);
@@ -235,17 +272,30 @@ TEST(StreamParse, ALongNodeArrivingInSmallPiecesIsScannedOnce) {
         feeds.push_back(len);
     }
     EXPECT_EQ(Streamed(text, feeds, limits, true), Whole(text, limits, false));
-    // And a start tag whose quoted value holds ">" many times.
-    std::string tag = "<r a=\"";
+    // Inside the root, after the start has been read: a start tag whose quoted value holds
+    // ">" many times, a long comment, and a long run of characters of two bytes each.
+    std::string inner = "<r>" + std::string(70u << 10, ' ') + "<x a=\"";
     for (int i = 0; i < 100000; ++i) {
-        tag += "> '";
+        inner += "> '";
     }
-    tag += "\" b='\"'>" + std::string(70u << 10, ' ') + "<x/></r>";
+    inner += "\" b='\"'/><!--";
+    for (int i = 0; i < (1 << 20); ++i) {
+        inner += "<a- ";  // each "<" makes the parse look for the comment's end again
+    }
+    inner += "-->";
+    for (int i = 0; i < (2 << 20); ++i) {
+        inner += "\xC3\xA9";
+    }
+    inner += "</r>";
     feeds.clear();
-    for (size_t len = 7; len < tag.size(); len += 7) {
+    for (size_t len = 7; len < inner.size(); len += 7) {
         feeds.push_back(len);
     }
-    EXPECT_EQ(Streamed(tag, feeds, limits, true), Whole(tag, limits, false));
+    size_t lag = 0;
+    const std::string expected = Whole(inner, limits, false);
+    ASSERT_EQ(expected.rfind("error", 0), std::string::npos) << expected;
+    EXPECT_EQ(Streamed(inner, feeds, limits, true, &lag), expected);
+    EXPECT_LT(lag, inner.size() - (70u << 10)) << "read as it arrived, past the start";
 }
 
 }  // namespace

@@ -284,6 +284,9 @@ bool SetAttrInArena(rk_elem* elem, const char* name, const char* value, bool mar
     for (uint32_t i = 0; i < count; ++i) {
         RkAttribute& attr = elem->attributes[i];
         if (strcmp(attr.name, name) == 0) {
+            if (attr.ownsValue) {
+                return false;  // a value of its own, which the general path replaces and frees
+            }
             attr.value = arena->CopyString(value, valueLen);
             attr.markup = markup;
             return true;

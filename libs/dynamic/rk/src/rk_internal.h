@@ -270,7 +270,9 @@ rk_elem* ParseXml(const char* text, size_t len, const ParseLimits& limits, Parse
 // read from the network): Feed reads as much as has arrived, Finish the rest once the whole
 // document is there. Its result, tree or error, is ParseXml's on the whole document, with the
 // same `limits` and `discardRead`; the work is done while the rest is still arriving. What
-// arrives must extend what Feed was given, and `text` must stay as it is until Finish.
+// arrives must extend what Feed was given, and `text` must stay as it is until Finish. (With
+// `startAfter` under 16 KiB, and a document that short, the tree's first block is sized before
+// the document's length is known, so a tree-size limit that tight could be met elsewhere.)
 class StreamParse {
   public:
     // Bytes that arrive before the document's start is read: its declaration, the rest of its

@@ -17,8 +17,9 @@
 
 namespace rk {
 
-// Everything the setters store. `generation` changes with every setter call, so that a
-// connection knows when to apply the settings again.
+// Everything the setters store. `generation` changes with every setter call that changes
+// something (a number set to the value it has changes nothing), so that a connection knows
+// when to apply the settings again.
 struct ServerSettings {
     std::string host;
     int major = 0;

@@ -12,8 +12,8 @@
 // What an answer may cost: its body is held in one buffer that never grows past the handle's
 // limit (so receiving costs about the limit at most, never the doubling of a growing string),
 // and its header lines are counted against the RK_HTTP_MAX_* limits of rk.h as they arrive.
-// A large body, once its buffer is a mapping that no longer moves, is parsed as it arrives
-// (StreamParse), so that little is left to parse when the transfer ends.
+// A large body, once its buffer is a mapping of the size limit (which no longer moves), is
+// parsed as it arrives (StreamParse), so that little is left to parse when the transfer ends.
 //
 // Each request is written to the network at most once. libcurl sends a request again on a new
 // connection when a reused one fails before any byte of the answer (it cannot tell a server
@@ -806,15 +806,17 @@ size_t CurlConnection::OnBody(char* data, size_t size, size_t count, void* self)
         }
     }
     body.Append(data, n);
-    if (body.mapped() && !c->_bodyParseOutOfMemory) {
+    // Only a mapping of the size limit never moves: one sized from an announced length grows
+    // when a compressed body decodes past that length.
+    if (body.mapped() && body.capacity() == c->_limit && !c->_bodyParseOutOfMemory) {
         c->FeedBodyParse();
     }
     return n;
 }
 
-// Parses what has arrived of an answer whose buffer no longer moves (a mapping of the size
-// limit), while the rest is on its way; Answer finishes the parse. The parse gives the pages
-// it has read back as it goes, as a parse of the whole answer would.
+// Parses what has arrived of an answer whose buffer no longer moves, while the rest is on its
+// way; Answer finishes the parse. The parse gives the pages it has read back as it goes, as a
+// parse of the whole answer would.
 void CurlConnection::FeedBodyParse() {
     try {
         if (_bodyParse == nullptr) {

@@ -1127,16 +1127,31 @@ rk_elem* Parser::Parse() {
     return _root;
 }
 
+// The end of the whole characters of [from, end): a UTF-8 sequence that the end cuts, at most
+// three bytes back, waits for the rest of it. Bytes that start no sequence there are left in
+// for the check to refuse.
+const char* WholeCharsEnd(const char* from, const char* end) {
+    const char* p = end;
+    for (int back = 0; back < 3 && p > from; ++back) {
+        const auto c = static_cast<unsigned char>(p[-1]);
+        if (c < 0x80) {
+            return end;
+        }
+        --p;
+        if (c >= 0xC0) {
+            const ptrdiff_t length = c >= 0xF0 ? 4 : c >= 0xE0 ? 3 : 2;
+            return end - p < length ? p : end;
+        }
+    }
+    return end;
+}
+
 void Parser::Feed(const char* arrived, size_t startAfter) {
     if (_stream == Stream::kFailed || _stream == Stream::kAgain) {
         return;
     }
     // The characters first, as far as the last whole one; nodes are read only where checked.
-    const char* boundary = arrived;
-    while (boundary > _checkedTo && static_cast<unsigned char>(boundary[-1]) >= 0x80) {
-        --boundary;
-    }
-    if (!CheckCharsUpTo(boundary)) {
+    if (!CheckCharsUpTo(WholeCharsEnd(_checkedTo, arrived))) {
         _stream = Stream::kFailed;
         return;
     }
