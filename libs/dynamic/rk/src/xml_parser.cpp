@@ -1113,7 +1113,8 @@ rk_elem* Parser::Parse() {
         Arena::Create(std::min<size_t>(static_cast<size_t>(_end - _begin) * 4 + 512, 64u << 10));
     bool ok = false;
     try {
-        ok = ReadDocument();
+        // A parse that ends after the deadline fails as one that the deadline stopped.
+        ok = ReadDocument() && (!PastDeadline() || Late());
     } catch (...) {
         _arena->Destroy();
         throw;
@@ -1221,7 +1222,7 @@ rk_elem* Parser::Finish(const char* end, bool* again) {
         while (ok && !_open.empty()) {
             ok = ReadNode();
         }
-        ok = ok && ReadEpilog();
+        ok = ok && ReadEpilog() && (!PastDeadline() || Late());
     }
     if (!ok) {
         Abandon();
