@@ -498,6 +498,17 @@ rk_elem* CurlConnection::Call(const ServerSettings& s, const std::string& body) 
     _transferEncoding = false;
     _statusLine.clear();
     _error[0] = '\0';
+    // However the call ends, out of memory included: the memory of one large answer is not
+    // kept, and the parse goes before the buffer it reads.
+    struct AnswerMemory {
+        CurlConnection* c;
+        ~AnswerMemory() {
+            c->_bodyParse.reset();
+            if (c->_body.capacity() > kGrowInSteps) {
+                c->_body.Release();
+            }
+        }
+    } answerMemory{this};
     CURLcode code;
     {
         SigpipeBlock block(s.transport == RK_TRANSPORT_HTTPS);
@@ -513,10 +524,6 @@ rk_elem* CurlConnection::Call(const ServerSettings& s, const std::string& body) 
             RK_ERR_TRUNCATED);
     } else {
         result = Answer(s);
-    }
-    _bodyParse.reset();  // before the buffer it reads
-    if (_body.capacity() > kGrowInSteps) {
-        _body.Release();  // do not keep the memory of one large answer
     }
     return result;
 }
