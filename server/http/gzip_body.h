@@ -3,7 +3,6 @@
 #define TEZAD_HTTP_GZIP_BODY_H_
 
 #include <stddef.h>
-
 #include <stdint.h>
 
 #include <condition_variable>
@@ -39,8 +38,9 @@ bool GzipCompress(const std::string& body, std::string* out);
 // is still being written. The body is cut into blocks of kGzipBlockBytes; each is deflated
 // with the 32 KiB before it as its dictionary and ends on a byte boundary (a sync flush), so
 // the blocks joined in order are a single deflate stream, and the whole is one gzip member
-// that any gzip reader takes. The bytes differ from GzipCompress's, and are a little more
-// (a few bytes a block); they decompress to the same body. What is compressed is handed on
+// that any gzip reader takes. The bytes differ from GzipCompress's, with about as many of them
+// (each block's flush adds a few, the dictionaries win about as many back); they decompress to
+// the same body. What is compressed is handed on
 // in order, from the thread that calls Add and Finish, as soon as it is ready.
 class GzipStream {
   public:
