@@ -37,7 +37,6 @@
 #include <sys/socket.h>
 #include <time.h>
 
-#include <chrono>
 #include <memory>
 #include <new>
 #include <string>
@@ -280,7 +279,6 @@ class CurlConnection final : public HttpConnection {
     // A large answer is parsed as it arrives, once its buffer no longer moves.
     std::unique_ptr<StreamParse> _bodyParse;
     bool _bodyParseOutOfMemory = false;
-    std::chrono::steady_clock::time_point _callStart;
     int _timeoutSeconds = 0;
     bool _overLimit = false;
     bool _outOfMemory = false;
@@ -483,7 +481,6 @@ rk_elem* CurlConnection::Call(const ServerSettings& s, const std::string& body) 
     _resendRefused = false;
     _bodyParse.reset();
     _bodyParseOutOfMemory = false;
-    _callStart = std::chrono::steady_clock::now();
     _timeoutSeconds = s.timeoutSeconds;
     _body.clear();
     _overLimit = false;
@@ -827,9 +824,9 @@ size_t CurlConnection::OnBody(char* data, size_t size, size_t count, void* self)
 void CurlConnection::FeedBodyParse() {
     try {
         if (_bodyParse == nullptr) {
-            const double spent =
-                std::chrono::duration<double>(std::chrono::steady_clock::now() - _callStart)
-                    .count();
+            // The deadline is the call's, as Answer reckons it for a whole parse.
+            double spent = 0;
+            curl_easy_getinfo(_easy, CURLINFO_TOTAL_TIME, &spent);
             _bodyParse.reset(new StreamParse(
                 _body.data(), ParseLimits::ForCall(_limit, _timeoutSeconds, spent), true));
         }
