@@ -64,6 +64,17 @@ std::string Text(rk_elem_t* elem) {
     return copy;
 }
 
+// A server behaviour: answers the first request with `gzip`, a gzip body, and waits for the
+// client to close.
+HostileServer::Behaviour AnswersGzipOnce(const std::string& gzip) {
+    return [answer = Answer(gzip, "Content-Encoding: gzip\r\n")](HostileServer::Peer& peer) {
+        if (peer.ReadRequest()) {
+            peer.Write(answer);
+            peer.WaitForClose();
+        }
+    };
+}
+
 class Gzip : public ::testing::Test {
   protected:
     static void SetUpTestSuite() { ASSERT_NE(rk_startup(nullptr, 0), 0); }
@@ -123,12 +134,7 @@ TEST_F(Gzip, ALargeCompressedAnswerThatDecodesPastItsLengthReadsAsAPlainOne) {
         expected = Text(whole);
         rk_elem_free(whole);
     }
-    HostileServer server([&](HostileServer::Peer& peer) {
-        if (peer.ReadRequest()) {
-            peer.Write(Answer(body, "Content-Encoding: gzip\r\n"));
-            peer.WaitForClose();
-        }
-    });
+    HostileServer server(AnswersGzipOnce(body));
     ServerPtr h = OpenHandle("127.0.0.1", server.port());
     ElemPtr result(rk_server_invoke(h.get(), "item-list", nullptr));
     ASSERT_EQ(Read(result.get()).status, 1) << Read(result.get());
@@ -139,12 +145,7 @@ TEST_F(Gzip, CorruptGzipBodyIsAClearError) {
     std::string body = Gzipped(ResultWithItems(50));
     body[body.size() / 2] ^= 0x55;  // damages the deflate stream past the gzip header
     body[body.size() / 2 + 1] ^= 0x55;
-    HostileServer server([&](HostileServer::Peer& peer) {
-        if (peer.ReadRequest()) {
-            peer.Write(Answer(body, "Content-Encoding: gzip\r\n"));
-            peer.WaitForClose();
-        }
-    });
+    HostileServer server(AnswersGzipOnce(body));
     ServerPtr h = OpenHandle("127.0.0.1", server.port());
     ElemPtr result(rk_server_invoke(h.get(), "item-list", nullptr));
     Outcome outcome = Read(result.get());
@@ -180,12 +181,7 @@ int BombScenario() {
     if (bomb.size() > 2 * kMiB) {
         return 5;
     }
-    HostileServer server([&bomb](HostileServer::Peer& peer) {
-        if (peer.ReadRequest()) {
-            peer.Write(Answer(bomb, "Content-Encoding: gzip\r\n"));
-            peer.WaitForClose();
-        }
-    });
+    HostileServer server(AnswersGzipOnce(bomb));
     if (rk_startup(nullptr, 0) == 0) {
         return 2;
     }

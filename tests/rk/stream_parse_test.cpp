@@ -120,33 +120,28 @@ std::string Document(size_t bytes) {
 
 // Breaks `text` at one place in one of many ways.
 std::string Broken(std::string text, std::mt19937* random) {
+    static const char* const kInserted[] = {
+        "\x01",          // a control character
+        "\xC3",          // a truncated UTF-8 sequence
+        "\xED\xA0\x80",  // a surrogate
+        "<",
+        "]]>",
+        "\"",
+        "</wrong>",
+        "<!-- -- -->",
+        "&nope",
+        "<a b='>'></b>",
+    };
+    const size_t kinds = sizeof kInserted / sizeof kInserted[0];
     const size_t at = (*random)() % text.size();
-    switch ((*random)() % 12) {
-        case 0:
-            return text.substr(0, at);  // cut short
-        case 1:
-            return text.insert(at, "\x01");  // a control character
-        case 2:
-            return text.insert(at, "\xC3");  // a truncated UTF-8 sequence
-        case 3:
-            return text.insert(at, "\xED\xA0\x80");  // a surrogate
-        case 4:
-            return text.insert(at, "<");
-        case 5:
-            return text.insert(at, "]]>");
-        case 6:
-            return text.insert(at, "\"");
-        case 7:
-            return text.insert(at, "</wrong>");
-        case 8:
-            return text.insert(at, "<!-- -- -->");
-        case 9:
-            return text.insert(at, "&nope");
-        case 10:
-            return text.insert(at, "<a b='>'></b>");
-        default:
-            return text + "<second/>";
+    const size_t kind = (*random)() % (kinds + 2);
+    if (kind == 0) {
+        return text.substr(0, at);  // cut short
     }
+    if (kind == kinds + 1) {
+        return text + "<second/>";
+    }
+    return text.insert(at, kInserted[kind - 1]);
 }
 
 TEST(StreamParse, AWholeDocumentInAnyPiecesGivesTheSameTree) {
